@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <iostream>
+
+/// One message to the console.
+///
+/// Made as a temporary, fed with operator<<, ended by its destruction. Everything the tool says, errors included, goes
+/// to the process's standard output in the local 8-bit encoding (QString::toLocal8Bit) and is flushed with the message,
+/// so that a pipe sees it at once. Write errors are ignored.
+class StdOutput {
+public:
+    /// \param new_line true: the destructor ends the line; false: it only flushes, and the next message continues the
+    ///        line or, after a carriage return, overwrites it.
+    explicit StdOutput(bool new_line = true)
+        : _new_line(new_line)
+    {
+    }
+
+    StdOutput(const StdOutput &) = delete;
+    StdOutput &operator=(const StdOutput &) = delete;
+
+    /// Ends the line if asked to, and flushes. An exception of the stream ends the process.
+    ~StdOutput()
+    {
+        if (_new_line)
+            std::cout << std::endl;
+        else
+            std::cout << std::flush;
+    }
+
+    /// Writes \a text in the local 8-bit encoding, up to its first zero character, without flushing.
+    StdOutput &operator<<(const QString &text) { return *this << text.toLocal8Bit().constData(); }
+
+    /// Writes the bytes of \a text, a C string, unchanged and without flushing.
+    StdOutput &operator<<(const char *text)
+    {
+        std::cout << text;
+        return *this;
+    }
+
+    /// Writes \a number in decimal, without flushing.
+    StdOutput &operator<<(int number) { return *this << QString::number(number); }
+
+private:
+    bool _new_line;
+};
