@@ -1,0 +1,418 @@
+#include "device.h"
+
+#include "crc.h"
+#include "stdoutput.h"
+#include "stringlistselectordialog.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QGuiApplication>
+#include <QSerialPortInfo>
+#include <QTimer>
+
+#include <chrono>
+#include <csignal>
+
+using namespace std::chrono_literals;
+using jvxb::Protocol;
+
+namespace {
+
+constexpr quint16 vendor_identifier = 0x03EB;
+constexpr quint16 product_identifier = 0x6124;
+
+constexpr auto before_operation = 1ms; // after a successful reopen
+constexpr auto before_reopen = 100ms;
+constexpr auto between_attempts = 1s;
+constexpr auto restart_time = 5s;
+constexpr int reopen_attempts = 60; // after the first one
+
+constexpr jvxb::Log text_log{14};
+constexpr quint32 text_log_mask = 1U << 14U;
+
+constexpr int port_error = -110;
+constexpr int file_error = -111;
+constexpr int reopen_error = -112;
+
+bool isTerminal(const QSerialPortInfo &port)
+{
+    return port.vendorIdentifier() == vendor_identifier && port.productIdentifier() == product_identifier;
+}
+
+bool canShowWindow()
+{
+    return QGuiApplication::platformName() != QLatin1String("minimal");
+}
+
+QString firstKey(File file)
+{
+    return FileInfo::info(file).keys.constFirst();
+}
+
+/// The share of \a full_size that \a size is, in percent, as 32-bit arithmetic yields it; 100 of nothing.
+int percentOf(int size, int full_size)
+{
+    if (full_size == 0)
+        return 100;
+    const auto product = static_cast<qint32>(static_cast<quint32>(size) * 100U);
+    return static_cast<qint32>(qint64{product} / full_size);
+}
+
+void printProgress(const QString &completed, int size, int full_size)
+{
+    StdOutput(false) << "\r" << percentOf(size, full_size) << completed << size << "/" << full_size << ")";
+}
+
+} // namespace
+
+Device *Device::_device = nullptr;
+
+Device::Device()
+    : _port(new QSerialPort(this))
+{
+}
+
+bool Device::setReadFile(File file, const QString &path)
+{
+    _file_name = path;
+    _read_file = file;
+    return true;
+}
+
+bool Device::setWriteFile(File file, const QString &path)
+{
+    _file_name = path;
+    _write_file = file;
+    return true;
+}
+
+void Device::logEnable(quint32 mask)
+{
+    _log_mask = mask;
+    _set_log = true;
+}
+
+// ---- serial port --------------------------------------------------------------------------------------------------
+
+QString Device::findPort()
+{
+    QStringList candidates;
+    for (const QSerialPortInfo &port : QSerialPortInfo::availablePorts()) {
+        if (isTerminal(port))
+            candidates += port.portName();
+    }
+    if (candidates.size() < 2)
+        return candidates.value(0);
+
+    const QString prompt = tr("Select device serial port");
+    if (canShowWindow())
+        return StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
+    StdOutput() << prompt << ": " << candidates.join(QLatin1String(", "));
+    return {};
+}
+
+bool Device::tryOpenSerialPort(bool end_if_error, bool next_operation, int try_count)
+{
+    if (_port->isOpen())
+        return true;
+
+    if (_port->open(QIODevice::ReadWrite)) {
+        // Only now: opening itself reports errors, some of them of no consequence.
+        connect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
+        StdOutput(false) << "\r" << tr("Serial port open: %1").arg(_port->portName()) << "\n\n";
+        if (next_operation)
+            QTimer::singleShot(before_operation, this, &Device::nextOperation);
+        return true;
+    }
+
+    if (try_count > 0) {
+        StdOutput(false) << "\r" << try_count << " secs";
+        QTimer::singleShot(between_attempts, this, [this, end_if_error, next_operation, try_count] {
+            tryOpenSerialPort(end_if_error, next_operation, try_count - 1);
+        });
+    } else if (end_if_error) {
+        StdOutput() << "\r              ";
+        end(reopen_error, tr("Failed to open serial port %1: ").arg(_port->portName()));
+    }
+    return false;
+}
+
+void Device::startTryOpenSerialPort()
+{
+    if (!_reconnect)
+        return;
+    _reconnect = false;
+    QTimer::singleShot(before_reopen, this, [this] { tryOpenSerialPort(true, true, reopen_attempts); });
+}
+
+void Device::closeSerialPort()
+{
+    if (!_port->isOpen())
+        return;
+    disconnect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
+    _port->close();
+    StdOutput() << tr("Serial port closed: %1").arg(_port->portName());
+}
+
+void Device::onErrorOccured(const QString &error_text)
+{
+    if (!_reconnect)
+        return end(port_error, error_text);
+    closeSerialPort();
+    startTryOpenSerialPort();
+}
+
+// ---- sequence -----------------------------------------------------------------------------------------------------
+
+bool Device::start(const QString &port)
+{
+    _device = this;
+    if (!isSet(_write_file))
+        _apply_file = File::Unknown;
+    _port->setPortName(port);
+    _protocol = new Protocol(_port, this);
+    if (!tryOpenSerialPort(false, false, 0)) {
+        StdOutput() << tr("Failed to open serial port %1: ").arg(_port->portName()) << _port->errorString();
+        return false;
+    }
+    readSoftVersion();
+    return true;
+}
+
+void Device::nextOperation()
+{
+    if (_finished || !_port->isOpen())
+        return;
+
+    if (isSet(_read_file)) {
+        _write_file = File::Unknown; // both would share the one local file
+        readFile();
+    } else if (isSet(_write_file)) {
+        writeFile();
+    } else if (isSet(_apply_file) && _crc != 0) {
+        applyFile();
+    } else if (_set_log) {
+        _set_log = false;
+        setLog();
+    } else if (_log_monitor) {
+        connect(_protocol, &Protocol::logReceived, this, &Device::onLogReceived);
+    } else {
+        quit(0);
+    }
+}
+
+void Device::end(int code, const QString &text)
+{
+    StdOutput() << tr("Error: ") << text;
+    quit(code);
+}
+
+void Device::end(jvxb::Error error)
+{
+    StdOutput() << tr("Error: ") << error;
+    quit(static_cast<int>(error));
+}
+
+void Device::quit(int code)
+{
+    _finished = true;
+    // A port that was unplugged goes on reporting errors until it is closed.
+    _protocol->disconnect(this);
+    QCoreApplication::exit(code);
+}
+
+// ---- identification -----------------------------------------------------------------------------------------------
+
+void Device::readSoftVersion()
+{
+    StdOutput() << tr("Checking device ...");
+    connect(_protocol, &Protocol::softVersionReaded, this, &Device::onSoftVersionReaded);
+    _protocol->readSoftVersion();
+}
+
+void Device::onSoftVersionReaded(
+    jvxb::Error error, const QString &name, const QString &version, const QString &date, const QString &language)
+{
+    disconnect(_protocol, &Protocol::softVersionReaded, this, &Device::onSoftVersionReaded);
+    if (error != jvxb::Error::None)
+        return end(error);
+    StdOutput() << "\n" << tr("Device: ") << name;
+    StdOutput() << tr("Version: ") << version;
+    StdOutput() << tr("Date: ") << date;
+    StdOutput() << tr("Language: ") << language;
+    readHardVersion();
+}
+
+void Device::readHardVersion()
+{
+    connect(_protocol, &Protocol::hardVesionReaded, this, &Device::onHardVesionReaded);
+    _protocol->readHardVersion();
+}
+
+void Device::onHardVesionReaded(jvxb::Error error, uint64_t version)
+{
+    disconnect(_protocol, &Protocol::hardVesionReaded, this, &Device::onHardVesionReaded);
+    if (error != jvxb::Error::None)
+        return end(error);
+    StdOutput() << tr("BHR: 0x") << QString::number(version, 16);
+    readSerialNumber();
+}
+
+void Device::readSerialNumber()
+{
+    connect(_protocol, &Protocol::serialNumberReaded, this, &Device::onSerialNumberReaded);
+    _protocol->readSerialNumber();
+}
+
+void Device::onSerialNumberReaded(jvxb::Error error, const QString &serial_number)
+{
+    disconnect(_protocol, &Protocol::serialNumberReaded, this, &Device::onSerialNumberReaded);
+    if (error != jvxb::Error::None)
+        return end(error);
+    StdOutput() << tr("IMEI: ") << serial_number << "\n";
+    nextOperation();
+}
+
+// ---- files --------------------------------------------------------------------------------------------------------
+
+void Device::readFile()
+{
+    StdOutput() << tr("Reading file '%1' ...").arg(firstKey(_read_file));
+    connect(_protocol, &Protocol::fileReaded, this, &Device::onFileReaded);
+    connect(_protocol, &Protocol::fileReadingProgress, this, &Device::onFileReadingProgress);
+    _protocol->readFile(_read_file);
+    _read_file = File::Unknown;
+}
+
+void Device::onFileReadingProgress(File, int size, int full_size)
+{
+    printProgress(QStringLiteral("% completed ("), size, full_size);
+}
+
+void Device::onFileReaded(jvxb::Error error, File, const QByteArray &data)
+{
+    StdOutput() << "\n";
+    disconnect(_protocol, &Protocol::fileReaded, this, &Device::onFileReaded);
+    disconnect(_protocol, &Protocol::fileReadingProgress, this, &Device::onFileReadingProgress);
+    if (error != jvxb::Error::None)
+        return end(error);
+
+    QFile file(_file_name);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return endWithFileError(file);
+    file.write(data);
+    file.close();
+    StdOutput() << tr("File saved to '%1'").arg(_file_name);
+    nextOperation();
+}
+
+void Device::writeFile()
+{
+    QFile file(_file_name);
+    if (!file.open(QIODevice::ReadOnly))
+        return endWithFileError(file);
+    const QByteArray data = file.readAll();
+    // Half of a file must never be written and applied as if it were the whole.
+    if (file.error() != QFile::NoError)
+        return endWithFileError(file);
+    file.close();
+    _crc = ~crc::ieee::calc(reinterpret_cast<const unsigned char *>(data.constData()), static_cast<int>(data.size()));
+
+    StdOutput() << tr("Writing file '%1' to '%2' ...").arg(_file_name, firstKey(_write_file));
+    connect(_protocol, &Protocol::fileWritten, this, &Device::onFileWritten);
+    connect(_protocol, &Protocol::fileWritingProgress, this, &Device::onFileWritingProgress);
+    _protocol->writeFile(_write_file, data);
+    _write_file = File::Unknown;
+}
+
+void Device::onFileWritingProgress(File, int size, int full_size)
+{
+    printProgress(tr("% completed ("), size, full_size);
+}
+
+void Device::onFileWritten(jvxb::Error error, File)
+{
+    StdOutput() << "\n";
+    disconnect(_protocol, &Protocol::fileWritten, this, &Device::onFileWritten);
+    disconnect(_protocol, &Protocol::fileWritingProgress, this, &Device::onFileWritingProgress);
+    if (error != jvxb::Error::None)
+        return end(error);
+    nextOperation();
+}
+
+void Device::applyFile()
+{
+    StdOutput() << tr("Apply file '%1' ...").arg(firstKey(_apply_file));
+    connect(_protocol, &Protocol::fileApplied, this, &Device::onFileApplied);
+    _protocol->applyFile(_apply_file, _crc);
+    _apply_file = File::Unknown;
+}
+
+void Device::onFileApplied(jvxb::Error error, File file)
+{
+    disconnect(_protocol, &Protocol::fileApplied, this, &Device::onFileApplied);
+    // A terminal that installs new firmware restarts before it can answer.
+    const bool restarts_unanswered = file == File::Firmware && error == jvxb::Error::Timeout;
+    if (error != jvxb::Error::None && !restarts_unanswered)
+        return end(error);
+    if (!restarts_unanswered)
+        StdOutput() << tr("Completed");
+    StdOutput() << "";
+    _reconnect = true;
+    closeSerialPort();
+    StdOutput() << "Waiting device ...";
+    QTimer::singleShot(restart_time, Qt::PreciseTimer, this, &Device::startTryOpenSerialPort);
+}
+
+void Device::endWithFileError(const QFile &file)
+{
+    end(file_error, tr("Failed to access to file '%1' (%2)").arg(_file_name, file.errorString()));
+}
+
+// ---- log ----------------------------------------------------------------------------------------------------------
+
+void Device::setLog()
+{
+    connect(_protocol, &Protocol::logEnabled, this, &Device::onLogEnabled);
+    _protocol->logEnable(_log_mask);
+}
+
+void Device::onLogEnabled(jvxb::Error error, uint32_t mask)
+{
+    disconnect(_protocol, &Protocol::logEnabled, this, &Device::onLogEnabled);
+    if (error != jvxb::Error::None)
+        return end(error);
+    _log_mask = mask;
+    nextOperation();
+}
+
+void Device::onLogReceived(jvxb::Log log, uint8_t type, const QDateTime &datetime, const QByteArray &data)
+{
+    if (log != text_log)
+        return;
+    StdOutput(!data.endsWith('\n')) << datetime.toString(QStringLiteral("hh:mm:ss zzz")) << " [" << type << "] "
+                                    << QString::fromUtf8(data);
+}
+
+void Device::toggleLog()
+{
+    connect(_protocol, &Protocol::logEnabled, this, &Device::onLogToggled);
+    _protocol->logEnable(_log_mask != 0 ? 0 : text_log_mask);
+}
+
+void Device::onLogToggled(jvxb::Error error, uint32_t mask)
+{
+    disconnect(_protocol, &Protocol::logEnabled, this, &Device::onLogToggled);
+    if (error != jvxb::Error::None) {
+        StdOutput() << tr("Error: ") << error;
+        return;
+    }
+    StdOutput() << tr("Info: ") << (mask != 0 ? tr("log enabled") : tr("log disabled"));
+    _log_mask = mask;
+}
+
+void Device::onSigintSignal(int signal_number)
+{
+    if (signal_number == SIGINT)
+        QTimer::singleShot(0, _device, &Device::toggleLog);
+}

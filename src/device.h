@@ -1,0 +1,120 @@
+#pragma once
+
+#include "file.h"
+#include "jvxb.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QObject>
+#include <QSerialPort>
+#include <QString>
+
+class QFile;
+
+/// The controller of one run: opens the terminal's port, identifies the terminal, does what was asked for as a chain of
+/// requests and answer slots, reports on the console, and quits the event loop with the exit code of the program:
+///
+///     0            all done
+///     -1, -2, n    a request failed: time-out, answer not understood, error code of the terminal
+///     -110         serial port error
+///     -111         the local file cannot be opened or read
+///     -112         the port did not come back after the terminal's restart
+///
+/// The first exit stands: after it nothing is printed or requested any more.
+class Device : public QObject {
+    Q_OBJECT
+
+public:
+    Device();
+
+    /// Finds the terminal's port by its USB identifiers, 03EB:6124. When several ports qualify, the user picks one in a
+    /// dialog; where no window can be shown, the candidates are printed on one line instead.
+    /// \return the port's name, or an empty string if none was found or picked
+    static QString findPort();
+
+    /// Makes the run read the file of kind \a file from the terminal into the local file \a path, which is created or
+    /// overwritten once the read has succeeded. A run that reads does not write. Returns true.
+    bool setReadFile(File file, const QString &path);
+
+    /// Makes the run write the local file \a path to the terminal as the file of kind \a file. Returns true.
+    bool setWriteFile(File file, const QString &path);
+
+    /// Makes the run set the terminal's log mask to \a mask after its other operations; 0 disables the log.
+    void logEnable(quint32 mask);
+
+    /// Opens the port and asks the terminal to identify itself; the event loop does the rest. To be called once.
+    /// \param port name of the serial port, or its device path
+    /// \return whether the port was opened; if not, the reason has been printed
+    bool start(const QString &port);
+
+    /// Switches the terminal's log off, or on with mask 0x4000 if it is off, and prints the outcome.
+    void toggleLog();
+
+    /// Handler for the C runtime's signal(): on SIGINT it makes the running controller toggle the log from within the
+    /// event loop. The program does not install it.
+    static void onSigintSignal(int signal_number);
+
+public Q_SLOTS:
+    /// Ends the run with -110, or reopens the port when the terminal is expected to restart.
+    void onErrorOccured(const QString &error_text);
+
+    // Results of the requests: each is connected for one request and disconnects itself first.
+    void onSoftVersionReaded(
+        jvxb::Error error, const QString &name, const QString &version, const QString &date, const QString &language);
+    void onHardVesionReaded(jvxb::Error error, uint64_t version);
+    void onSerialNumberReaded(jvxb::Error error, const QString &serial_number);
+    void onLogEnabled(jvxb::Error error, uint32_t mask);
+    void onLogToggled(jvxb::Error error, uint32_t mask);
+    void onFileReaded(jvxb::Error error, File file, const QByteArray &data);
+    void onFileReadingProgress(File file, int size, int full_size);
+    void onFileWritten(jvxb::Error error, File file);
+    void onFileWritingProgress(File file, int size, int full_size);
+    void onFileApplied(jvxb::Error error, File file);
+
+    /// Prints a record of the text log (log 14).
+    void onLogReceived(jvxb::Log log, uint8_t type, const QDateTime &datetime, const QByteArray &data);
+
+    /// Opens the port; on failure tries again every second, showing the seconds left.
+    /// \param end_if_error end the run with -112 after the last failure
+    /// \param next_operation go on with the next operation once the port is open
+    /// \param try_count further attempts; 0 or less: none
+    /// \return whether the port is open now
+    bool tryOpenSerialPort(bool end_if_error, bool next_operation, int try_count);
+
+    /// Closes the port if it is open.
+    void closeSerialPort();
+
+private:
+    void readSoftVersion();
+    void readHardVersion();
+    void readSerialNumber();
+    void nextOperation();
+    void readFile();
+    void writeFile();
+    void applyFile();
+    void setLog();
+    void startTryOpenSerialPort();
+    void end(int code, const QString &text);
+    void end(jvxb::Error error);
+    void endWithFileError(const QFile &file);
+    void quit(int code);
+
+    static Device *_device; ///< the running controller, for the signal handler
+
+    QString _file_name; ///< path of the local file of a read or a write
+    QSerialPort *const _port;
+    jvxb::Protocol *_protocol = nullptr;
+    quint32 _crc = 0;      ///< CRC-32 of the file last written; 0: nothing to apply
+    quint32 _log_mask = 0; ///< the mask to set, later the mask in force
+    File _read_file = File::Unknown;
+    File _write_file = File::Unknown;
+
+public:
+    File _apply_file = File::Unknown; ///< kind to apply after it has been written
+    bool _log_monitor = false;        ///< after all operations, stay connected and print the terminal's log
+
+private:
+    bool _reconnect = false; ///< the terminal is expected to restart
+    bool _set_log = false;   ///< the log mask is still to be set
+    bool _finished = false;  ///< the exit code is decided
+};
