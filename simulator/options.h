@@ -1,0 +1,36 @@
+#pragma once
+
+#include "terminal.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <chrono>
+#include <stdexcept>
+
+/// What the command line asks for.
+struct Options {
+    enum class Action { Run, ShowHelp, ShowVersion };
+
+    Action action = Action::Run;
+    QString help; ///< the text to show for Action::ShowHelp
+
+    QString link;                                ///< path of the symbolic link that names the port
+    QString record;                              ///< path of the record file; empty: no record
+    bool untilEof = false;                       ///< end when standard input ends
+    std::chrono::milliseconds restartTime{1500}; ///< from dropping off the bus to coming back
+    bool returns = true;                         ///< whether the terminal comes back at all
+    TerminalSettings terminal;
+};
+
+/// A command line that cannot be obeyed; what() is one line of English.
+class UsageError : public std::runtime_error {
+public:
+    explicit UsageError(const QString &text)
+        : std::runtime_error(text.toStdString())
+    {
+    }
+};
+
+/// Reads the command line, program name first. Throws UsageError.
+Options parseOptions(const QStringList &arguments);

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QByteArray>
+#include <QDeadlineTimer>
+#include <QObject>
+#include <QSocketNotifier>
+#include <QString>
+#include <QTimer>
+
+#include <memory>
+
+/// The terminal's USB serial port: a pseudo-terminal under a fixed name, which is a symbolic link. Unplugging takes
+/// the name and the pseudo-terminal away, plugging brings a new one under the same name.
+class PseudoTerminal : public QObject {
+    Q_OBJECT
+
+public:
+    explicit PseudoTerminal(QString linkPath, QObject *parent = nullptr);
+    ~PseudoTerminal() override;
+
+    /// Opens a pseudo-terminal in raw mode and publishes its name. An old symbolic link is replaced, anything else that
+    /// bears the name is left alone. Returns false on failure, errorString() then says why.
+    bool plug();
+
+    /// Takes the name away and closes the pseudo-terminal at once; bytes that are still queued are lost.
+    void unplug();
+
+    /// Unplugs as soon as the other side has read everything that was sent, or has not for half a second.
+    void unplugOnceRead();
+
+    /// Queues @a bytes for the line. Does nothing while unplugged.
+    void send(const QByteArray &bytes);
+
+    [[nodiscard]] QString errorString() const { return _error_string; }
+
+Q_SIGNALS:
+    void received(const QByteArray &bytes);
+    void plugged();
+    void unplugged();
+
+private:
+    bool openMaster();
+    bool openSlave();
+    bool publish();
+    bool fail(const QString &what);
+    void closeDescriptors();
+    void removeLink() const;
+
+    void readAvailable();
+    void writeQueued();
+    [[nodiscard]] bool isEverythingRead() const;
+    void pollWhetherRead();
+
+    const QString _link_path;
+    QString _slave_path;
+    QString _error_string;
+    int _master = -1;
+    int _slave = -1; ///< kept open: without any slave open the master would only report errors
+    std::unique_ptr<QSocketNotifier> _read_notifier;
+    std::unique_ptr<QSocketNotifier> _write_notifier;
+    QByteArray _outgoing;
+
+    QTimer _drain_timer;
+    QDeadlineTimer _drain_deadline;
+    int _quiet_polls = 0;
+};

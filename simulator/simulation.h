@@ -1,0 +1,52 @@
+#pragma once
+
+#include "options.h"
+#include "pseudoterminal.h"
+#include "terminal.h"
+
+#include <QFile>
+#include <QObject>
+#include <QTimer>
+
+/// One run of the simulator: the terminal on its port, its restarts, its record and its complaints.
+class Simulation : public QObject {
+    Q_OBJECT
+
+public:
+    explicit Simulation(const Options &options, QObject *parent = nullptr);
+
+    /// Opens the record and plugs the terminal in. Returns false on failure, errorString() then says why.
+    bool start();
+
+    /// Looks for bytes of an incomplete request and unplugs.
+    void finish();
+
+    [[nodiscard]] QString errorString() const { return _error_string; }
+
+    /// Whether anything but well-formed requests came in so far.
+    [[nodiscard]] bool hasComplained() const { return _has_complained; }
+
+Q_SIGNALS:
+    /// The run cannot go on; @a why is one line of text.
+    void failed(const QString &why);
+
+private:
+    bool openRecord();
+    void recordLine(const QByteArray &line);
+    void recordPacket(const QByteArray &packet);
+    void recordPlugged();
+
+    void onDroppedOff();
+    void onUnplugged();
+    void comeBack();
+    void complain(const QString &reason, const QByteArray &bytes);
+
+    const Options _options;
+    Terminal _terminal;
+    PseudoTerminal _port;
+    QFile _record;
+    QTimer _restart_timer;
+    QString _error_string;
+    bool _has_complained = false;
+    bool _finished = false;
+};

@@ -1,0 +1,226 @@
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <array>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+const QByteArray askSerialNumber = QByteArray::fromHex("404a56580000000001000000030046402a3f53");
+const QByteArray serialNumber
+    = QByteArray::fromHex("404a56580100000000000000130050462a23533a333530303030303030303030303137");
+
+constexpr int patience = 5000; // ms
+
+/// The other end of the simulator's port, opened by its name.
+class Port {
+public:
+    explicit Port(const QString &path)
+        : _descriptor(::open(QFile::encodeName(path).constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
+    {
+    }
+    ~Port() { ::close(_descriptor); }
+    Q_DISABLE_COPY_MOVE(Port)
+
+    void write(const QByteArray &bytes) const
+    {
+        QCOMPARE(::write(_descriptor, bytes.constData(), static_cast<size_t>(bytes.size())), bytes.size());
+    }
+
+    /// Reads until @a size bytes have come, the line is lost or patience is at its end.
+    [[nodiscard]] QByteArray read(qsizetype size) const
+    {
+        QByteArray bytes;
+        const QDeadlineTimer deadline(patience);
+        while (bytes.size() < size && waitReadable(static_cast<int>(deadline.remainingTime()))) {
+            std::array<char, 4096> buffer{};
+            const auto count = ::read(_descriptor, buffer.data(), buffer.size());
+            if (count <= 0)
+                break;
+            bytes.append(buffer.data(), count);
+        }
+        return bytes;
+    }
+
+private:
+    [[nodiscard]] bool waitReadable(int milliseconds) const
+    {
+        pollfd request{_descriptor, POLLIN, 0};
+        return ::poll(&request, 1, milliseconds) > 0;
+    }
+
+    int _descriptor;
+};
+
+} // namespace
+
+class SimulatorProcessTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void aRequestIsAnsweredThroughThePort();
+    void aMalformedRequestGivesExitCode1();
+    void theNameGoesAwayAtTheEnd_data();
+    void theNameGoesAwayAtTheEnd();
+    void anOldLinkIsReplaced();
+    void aRegularFileIsLeftAlone();
+    void aUsageErrorGivesExitCode2();
+    void aVanishedTerminalComesBackUnderTheSameName();
+    void aTerminalMayStayAway();
+
+private:
+    void start(const QStringList &arguments = {});
+    [[nodiscard]] QByteArray recorded() const;
+
+    std::unique_ptr<QTemporaryDir> _directory;
+    std::unique_ptr<QProcess> _simulator;
+    QString _link;
+    QString _record;
+};
+
+void SimulatorProcessTest::init()
+{
+    _directory = std::make_unique<QTemporaryDir>();
+    _simulator = std::make_unique<QProcess>();
+    _link = _directory->filePath(QStringLiteral("port"));
+    _record = _directory->filePath(QStringLiteral("record"));
+}
+
+void SimulatorProcessTest::cleanup()
+{
+    _simulator->terminate();
+    if (_simulator->state() != QProcess::NotRunning)
+        QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->readAllStandardOutput(), QByteArray());
+}
+
+void SimulatorProcessTest::start(const QStringList &arguments)
+{
+    _simulator->start(QStringLiteral(JVX_SIMULATOR),
+        QStringList{QStringLiteral("--link"), _link, QStringLiteral("--record"), _record} + arguments);
+    QVERIFY(_simulator->waitForStarted(patience));
+    QTRY_VERIFY_WITH_TIMEOUT(recorded() == "# link up\n", patience);
+}
+
+QByteArray SimulatorProcessTest::recorded() const
+{
+    QFile file(_record);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void SimulatorProcessTest::aRequestIsAnsweredThroughThePort()
+{
+    start();
+    const Port port(_link);
+    port.write(askSerialNumber);
+    QCOMPARE(port.read(serialNumber.size()), serialNumber);
+    _simulator->terminate();
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitStatus(), QProcess::NormalExit);
+    QCOMPARE(_simulator->exitCode(), 0);
+    QCOMPARE(_simulator->readAllStandardError(), QByteArray());
+    QCOMPARE(recorded(), "# link up\n" + askSerialNumber.toHex() + "\n# unplugged\n");
+}
+
+void SimulatorProcessTest::aMalformedRequestGivesExitCode1()
+{
+    start();
+    const Port port(_link);
+    port.write(QByteArray("\r\n") + askSerialNumber + askSerialNumber.first(5));
+    QCOMPARE(port.read(serialNumber.size()), serialNumber);
+    _simulator->terminate();
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->readAllStandardError(),
+        QByteArray("jvx-simulator: malformed request: bytes outside a packet: 0d0a\n"
+                   "jvx-simulator: malformed request: incomplete packet: 404a565800\n"));
+    QCOMPARE(_simulator->exitCode(), 1);
+}
+
+void SimulatorProcessTest::theNameGoesAwayAtTheEnd_data()
+{
+    QTest::addColumn<bool>("byEndOfInput");
+    QTest::newRow("SIGTERM") << false;
+    QTest::newRow("end of input") << true;
+}
+
+void SimulatorProcessTest::theNameGoesAwayAtTheEnd()
+{
+    QFETCH(const bool, byEndOfInput);
+    start({QStringLiteral("--until-eof")});
+    QVERIFY(QFileInfo(_link).isSymbolicLink());
+    _simulator->write("ignored");
+    if (byEndOfInput)
+        _simulator->closeWriteChannel();
+    else
+        _simulator->terminate();
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitCode(), 0);
+    QVERIFY(!QFileInfo(_link).isSymbolicLink());
+}
+
+void SimulatorProcessTest::anOldLinkIsReplaced()
+{
+    QVERIFY(QFile::link(QStringLiteral("/nowhere"), _link));
+    start();
+    QVERIFY(QFileInfo(_link).symLinkTarget().startsWith(QStringLiteral("/dev/pts/")));
+}
+
+void SimulatorProcessTest::aRegularFileIsLeftAlone()
+{
+    QFile file(_link);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("precious");
+    file.close();
+    _simulator->start(QStringLiteral(JVX_SIMULATOR), {QStringLiteral("--link"), _link});
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitCode(), 2);
+    QVERIFY(_simulator->readAllStandardError().contains("is not a symbolic link"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("precious"));
+}
+
+void SimulatorProcessTest::aUsageErrorGivesExitCode2()
+{
+    _simulator->start(QStringLiteral(JVX_SIMULATOR), QStringList());
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitCode(), 2);
+    QCOMPARE(_simulator->readAllStandardError(), QByteArray("jvx-simulator: option --link is required\n"));
+}
+
+void SimulatorProcessTest::aVanishedTerminalComesBackUnderTheSameName()
+{
+    start({QStringLiteral("--vanish"), QStringLiteral("H"), QStringLiteral("--restart"), QStringLiteral("0.1")});
+    {
+        const Port port(_link);
+        port.write(QByteArray::fromHex("404a5658000000000100000003005d5b2a3f48"));
+        QCOMPARE(port.read(1), QByteArray());
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n# link up\n"), patience);
+    const Port port(_link);
+    port.write(askSerialNumber);
+    QCOMPARE(port.read(serialNumber.size()), serialNumber);
+}
+
+void SimulatorProcessTest::aTerminalMayStayAway()
+{
+    start({QStringLiteral("--vanish=S"), QStringLiteral("--restart=0.05"), QStringLiteral("--no-return")});
+    const Port port(_link);
+    port.write(askSerialNumber);
+    QCOMPARE(port.read(1), QByteArray());
+    QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n"), patience);
+    QTest::qWait(200);
+    QVERIFY(recorded().endsWith("# unplugged\n"));
+    QVERIFY(!QFileInfo(_link).isSymbolicLink());
+}
+
+QTEST_GUILESS_MAIN(SimulatorProcessTest)
+#include "tst_simulator_process.moc"
