@@ -21,6 +21,7 @@ enum ExitCode : int {
     log_mask_invalid = -106,
 };
 
+constexpr File default_kind = File::UserFirmware;
 constexpr quint32 default_log_mask = 0x4000;
 
 /// Where no display is, runs without a window rather than not at all; a platform plugin that the user named stands.
@@ -45,6 +46,41 @@ void dropRemarks(QtMsgType type, const QMessageLogContext &context, const QStrin
         default_message_handler(type, context, message);
 }
 
+void setIdentity()
+{
+    QApplication::setApplicationName(QStringLiteral("JVX file loader"));
+    QApplication::setOrganizationName(QStringLiteral("JVX"));
+    QApplication::setOrganizationDomain(QStringLiteral("jvx.invalid"));
+    QApplication::setApplicationVersion(QStringLiteral("0.0.8"));
+    QApplication::setQuitOnLastWindowClosed(false); // the port selection is not the end of the run
+}
+
+/// The options of the tool; the help shows them in this order.
+struct CommandLine : QCommandLineParser {
+    CommandLine();
+
+    QCommandLineOption _file{{QStringLiteral("f"), QStringLiteral("file")},
+        Text::tr("File type:\n%1").arg(FileInfo::commandLineDescriptions()), QStringLiteral("type")};
+    QCommandLineOption _read{{QStringLiteral("r"), QStringLiteral("read")}, Text::tr("Read")};
+    QCommandLineOption _write{{QStringLiteral("w"), QStringLiteral("write")}, Text::tr("Write")};
+    QCommandLineOption _port{
+        {QStringLiteral("p"), QStringLiteral("port")}, Text::tr("Serial port"), QStringLiteral("name")};
+    QCommandLineOption _apply{{QStringLiteral("a"), QStringLiteral("apply")}, Text::tr("Apply the written file")};
+    QCommandLineOption _monitor{{QStringLiteral("m"), QStringLiteral("monitor")}, Text::tr("Monitoring device log")};
+    QCommandLineOption _log{{QStringLiteral("l"), QStringLiteral("log")}, Text::tr("Enable/disable log (mask in HEX)"),
+        QStringLiteral("mask")};
+};
+
+CommandLine::CommandLine()
+{
+    setApplicationDescription(QApplication::applicationName());
+    addHelpOption();
+    addVersionOption();
+    addPositionalArgument(QStringLiteral("file"), Text::tr("Read/write file."));
+    _file.setDefaultValue(QString::number(static_cast<int>(default_kind)));
+    addOptions({_file, _read, _write, _port, _apply, _monitor, _log});
+}
+
 int fail(ExitCode code, const QString &message)
 {
     StdOutput(true) << message;
@@ -57,68 +93,45 @@ int main(int argc, char *argv[])
 {
     tolerateMissingDisplay();
     default_message_handler = qInstallMessageHandler(dropRemarks);
-    QApplication application(argc, argv);
+    const QApplication application(argc, argv);
     qInstallMessageHandler(default_message_handler);
+    setIdentity();
 
-    QApplication::setApplicationName(QStringLiteral("JVX file loader"));
-    QApplication::setOrganizationName(QStringLiteral("JVX"));
-    QApplication::setOrganizationDomain(QStringLiteral("jvx.invalid"));
-    QApplication::setApplicationVersion(QStringLiteral("0.0.8"));
-    QApplication::setQuitOnLastWindowClosed(false);
+    CommandLine line;
+    line.process(application); // shows help and version and its own complaints, and ends the process then
 
-    const auto option = [](const char *letter, const char *name, const QString &description, const char *value = "") {
-        return QCommandLineOption({QLatin1String(letter), QLatin1String(name)}, description, QLatin1String(value));
-    };
-    QCommandLineOption file_type
-        = option("f", "file", Text::tr("File type:\n%1").arg(FileInfo::commandLineDescriptions()), "type");
-    file_type.setDefaultValue(QString::number(static_cast<int>(File::UserFirmware)));
-    const QCommandLineOption read = option("r", "read", Text::tr("Read"));
-    const QCommandLineOption write = option("w", "write", Text::tr("Write"));
-    const QCommandLineOption serial_port = option("p", "port", Text::tr("Serial port"), "name");
-    const QCommandLineOption apply = option("a", "apply", Text::tr("Apply the written file"));
-    const QCommandLineOption monitor = option("m", "monitor", Text::tr("Monitoring device log"));
-    const QCommandLineOption log = option("l", "log", Text::tr("Enable/disable log (mask in HEX)"), "mask");
-
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QApplication::applicationName());
-    parser.addHelpOption();
-    parser.addVersionOption();
-    parser.addPositionalArgument(QStringLiteral("file"), Text::tr("Read/write file."));
-    parser.addOptions({file_type, read, write, serial_port, apply, monitor, log});
-    parser.process(application); // shows help and version, and its own complaints
-
-    const QStringList paths = parser.positionalArguments();
-    if ((parser.isSet(read) || parser.isSet(write)) && paths.isEmpty())
+    const QStringList paths = line.positionalArguments();
+    if ((line.isSet(line._read) || line.isSet(line._write)) && paths.isEmpty())
         return fail(file_name_missing, Text::tr("File name not specified"));
 
-    // The parser shows the default value but does not count it as set.
-    const File kind = parser.isSet(file_type) ? FileInfo::info(parser.value(file_type)).file : File::UserFirmware;
+    const File kind = line.isSet(line._file) ? FileInfo::info(line.value(line._file)).file : default_kind;
     if (!isSet(kind))
         return fail(file_kind_unknown, Text::tr("Selected unknown file"));
 
-    const QString port = parser.isSet(serial_port) ? parser.value(serial_port) : Device::findPort();
+    const QString port = line.isSet(line._port) ? line.value(line._port) : Device::findPort();
     if (port.isEmpty())
         return fail(port_missing, Text::tr("Serial port is not selected"));
 
     Device device;
-    device._log_monitor = parser.isSet(monitor);
+    device._log_monitor = line.isSet(line._monitor);
     device.logEnable(default_log_mask);
-    if (parser.isSet(log)) {
+    if (line.isSet(line._log)) {
         bool is_number = false;
-        const int mask = parser.value(log).toInt(&is_number, 16);
+        const int mask = line.value(line._log).toInt(&is_number, 16);
         if (!is_number)
             return fail(log_mask_invalid, Text::tr("Invalid log mask"));
         device.logEnable(static_cast<quint32>(mask));
     }
-    if (parser.isSet(read)) {
-        if (!device.setReadFile(kind, paths.constFirst()))
-            return file_not_accepted;
-    } else if (parser.isSet(write)) {
-        if (!device.setWriteFile(kind, paths.constFirst()))
-            return file_not_accepted;
-    }
-    if (parser.isSet(apply))
-        device._apply_file = kind;
 
+    bool accepted = true;
+    if (line.isSet(line._read))
+        accepted = device.setReadFile(kind, paths.constFirst());
+    else if (line.isSet(line._write))
+        accepted = device.setWriteFile(kind, paths.constFirst());
+    if (!accepted)
+        return file_not_accepted;
+
+    if (line.isSet(line._apply))
+        device._apply_file = kind;
     return device.start(port) ? QApplication::exec() : start_failed;
 }

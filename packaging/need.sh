@@ -1,0 +1,26 @@
+# To be sourced. need PACKAGE ...: installs those of the Debian packages that are missing, and says so on standard error.
+
+need()
+{
+    command -v dpkg-query >/dev/null || return 0 # not Debian: the build will tell what it misses
+    installed=$(dpkg-query --show --showformat '${db:Status-Abbrev}${Package}\n' "$@" 2>/dev/null || :)
+    missing=
+    for package; do
+        printf '%s\n' "$installed" | grep -qxF "ii $package" || missing="$missing $package"
+    done
+    [ -n "$missing" ] || return 0
+
+    echo "Installing$missing" >&2
+    sudo=
+    [ "$(id -u)" = 0 ] || sudo=sudo
+    {
+        $sudo apt-get update --quiet=2
+        $sudo env DEBIAN_FRONTEND=noninteractive \
+            apt-get install --yes --quiet=2 --no-install-recommends $missing
+    } >&2
+}
+
+need_for_build()
+{
+    need g++ cmake ninja-build qt6-base-dev qt6-serialport-dev zlib1g-dev
+}
