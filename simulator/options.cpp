@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <QCommandLineParser>
+#include <QFileInfo>
 
 #include <limits>
 #include <utility>
@@ -14,6 +15,7 @@ QList<QCommandLineOption> knownOptions()
     const QString hex = QStringLiteral("hex");
     const QString key = QStringLiteral("key");
     const QString path = QStringLiteral("path");
+    const QString bytes = QStringLiteral("bytes");
     return {
         {QStringLiteral("link"), QStringLiteral("Name of the serial port: a symbolic link to make. Required."), path},
         {QStringLiteral("until-eof"), QStringLiteral("End when standard input ends.")},
@@ -27,6 +29,21 @@ QList<QCommandLineOption> knownOptions()
         {QStringLiteral("imei"), QStringLiteral("Serial number."), text},
         {QStringLiteral("mask"), QStringLiteral("Log mask after power-up."), hex},
 
+        {QStringLiteral("files"),
+            QStringLiteral("Directory of the terminal's files, each named by its kind (\"settings\", ...); "
+                           "without it there are built-in ones, in memory."),
+            path},
+        {QStringLiteral("accept"), QStringLiteral("Accept at most so much of each piece written."), bytes},
+        {QStringLiteral("piece"), QStringLiteral("Serve pieces of this size, default 512."), bytes},
+        {QStringLiteral("announce"), QStringLiteral("Full size to tell instead of the true one."), bytes},
+        {QStringLiteral("status"),
+            QStringLiteral("Refuse the Nth request of this key (FR, FW, FU) with this status. Repeatable."),
+            QStringLiteral("key:n=hex")},
+        {QStringLiteral("foreign"),
+            QStringLiteral("Precede the answer to the Nth request of this key (FR, FW, FU) with one for another "
+                           "kind of file. Repeatable."),
+            QStringLiteral("key:n")},
+
         {QStringLiteral("answer"), QStringLiteral("Answer requests of this key with this payload. Repeatable."),
             QStringLiteral("key=hex")},
         {QStringLiteral("silent"), QStringLiteral("Never answer requests of this key. Repeatable."), key},
@@ -34,6 +51,8 @@ QList<QCommandLineOption> knownOptions()
         {QStringLiteral("restart"), QStringLiteral("Time off the bus before coming back, default 1.5."),
             QStringLiteral("seconds")},
         {QStringLiteral("no-return"), QStringLiteral("Never come back once dropped off the bus.")},
+        {QStringLiteral("restart-before-answer"), QStringLiteral("Restart without answering the apply of firmware.")},
+        {QStringLiteral("restart-junk"), QStringLiteral("Bytes to send just before dropping off the bus."), hex},
     };
 }
 
@@ -64,6 +83,11 @@ public:
         return number;
     }
 
+    [[nodiscard]] qsizetype number(const QString &name, qsizetype fallback, qsizetype minimum, qsizetype maximum) const
+    {
+        return isSet(name) ? numberIn(name, _parser.value(name), minimum, maximum) : fallback;
+    }
+
     [[nodiscard]] std::chrono::milliseconds seconds(const QString &name, std::chrono::milliseconds fallback) const
     {
         if (!isSet(name))
@@ -80,7 +104,7 @@ public:
     {
         QSet<QByteArray> keys;
         for (const QString &value : _parser.values(name))
-            keys.insert(checkedKey(name, value));
+            keys.insert(keyAmong(Terminal::keys(), name, value));
         return keys;
     }
 
@@ -90,9 +114,34 @@ public:
         QHash<QByteArray, QByteArray> payloads;
         for (const QString &value : _parser.values(name)) {
             const auto [key, hex] = split(name, value, QLatin1Char('='));
-            payloads.insert(checkedKey(name, key), bytes(name, hex));
+            payloads.insert(keyAmong(Terminal::keys(), name, key), bytesOf(name, hex));
         }
         return payloads;
+    }
+
+    [[nodiscard]] QByteArray bytes(const QString &name) const { return bytesOf(name, text(name)); }
+
+    /// Values of the form KEY:N, the key one about files.
+    [[nodiscard]] QSet<RequestNumber> requestNumbers(const QString &name) const
+    {
+        QSet<RequestNumber> numbers;
+        for (const QString &value : _parser.values(name))
+            numbers.insert(requestNumber(name, value));
+        return numbers;
+    }
+
+    /// Values of the form KEY:N=HEX, the key one about files, a single byte.
+    [[nodiscard]] QHash<RequestNumber, quint8> statuses(const QString &name) const
+    {
+        QHash<RequestNumber, quint8> statuses;
+        for (const QString &value : _parser.values(name)) {
+            const auto [number, hex] = split(name, value, QLatin1Char('='));
+            const QByteArray status = bytesOf(name, hex);
+            if (status.size() != 1)
+                throw bad(name, value);
+            statuses.insert(requestNumber(name, number), static_cast<quint8>(status.front()));
+        }
+        return statuses;
     }
 
 private:
@@ -109,16 +158,32 @@ private:
         return {value.first(position), value.sliced(position + 1)};
     }
 
-    static QByteArray checkedKey(const QString &name, const QString &value)
+    static QByteArray keyAmong(const QList<QByteArray> &keys, const QString &name, const QString &value)
     {
         const QByteArray key = value.toUtf8();
-        if (!Terminal::keys().contains(key))
+        if (!keys.contains(key))
             throw bad(name, value);
         return key;
     }
 
+    static qsizetype numberIn(const QString &name, const QString &value, qsizetype minimum, qsizetype maximum)
+    {
+        bool valid = false;
+        const qsizetype number = value.toLongLong(&valid);
+        if (!valid || number < minimum || number > maximum)
+            throw bad(name, value);
+        return number;
+    }
+
+    static RequestNumber requestNumber(const QString &name, const QString &value)
+    {
+        const auto [key, number] = split(name, value, QLatin1Char(':'));
+        return {keyAmong(Terminal::fileKeys(), name, key),
+            static_cast<int>(numberIn(name, number, 1, std::numeric_limits<int>::max()))};
+    }
+
     /// Bytes written as pairs of hexadecimal digits; QByteArray::fromHex would skip what is none.
-    static QByteArray bytes(const QString &name, const QString &hex)
+    static QByteArray bytesOf(const QString &name, const QString &hex)
     {
         const QByteArray decoded = QByteArray::fromHex(hex.toLatin1());
         if (decoded.toHex() != hex.toLatin1().toLower())
@@ -128,6 +193,23 @@ private:
 
     const QCommandLineParser &_parser;
 };
+
+TransferSettings transferSettings(const Values &values)
+{
+    // A body is 65535 bytes at most; 65000 leave room for what goes before the data.
+    constexpr qsizetype longestPiece = 65000;
+
+    TransferSettings settings;
+    settings.directory = values.text(QStringLiteral("files"));
+    if (!settings.directory.isEmpty() && !QFileInfo(settings.directory).isDir())
+        throw UsageError(QStringLiteral("'%1' is not a directory").arg(settings.directory));
+    settings.accept = values.number(QStringLiteral("accept"), settings.accept, 0, FileTransfers::pieceSize);
+    settings.piece = values.number(QStringLiteral("piece"), settings.piece, 0, longestPiece);
+    if (values.isSet(QStringLiteral("announce")))
+        settings.announced = static_cast<quint32>(
+            values.number(QStringLiteral("announce"), 0, 0, std::numeric_limits<quint32>::max()));
+    return settings;
+}
 
 TerminalSettings terminalSettings(const Values &values)
 {
@@ -140,6 +222,11 @@ TerminalSettings terminalSettings(const Values &values)
     settings.imei = values.text(QStringLiteral("imei"), settings.imei);
     settings.mask = static_cast<quint32>(
         values.hexNumber(QStringLiteral("mask"), settings.mask, std::numeric_limits<quint32>::max()));
+    settings.transfers = transferSettings(values);
+    settings.statuses = values.statuses(QStringLiteral("status"));
+    settings.foreignAnswers = values.requestNumbers(QStringLiteral("foreign"));
+    settings.restartsBeforeFirmwareAnswer = values.isSet(QStringLiteral("restart-before-answer"));
+    settings.lastBytes = values.bytes(QStringLiteral("restart-junk"));
     settings.fixedAnswers = values.payloads(QStringLiteral("answer"));
     settings.silentKeys = values.keys(QStringLiteral("silent"));
     settings.vanishingKeys = values.keys(QStringLiteral("vanish"));

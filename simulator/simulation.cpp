@@ -18,6 +18,7 @@ Simulation::Simulation(const Options &options, QObject *parent)
     connect(&_port, &PseudoTerminal::plugged, this, &Simulation::recordPlugged);
     connect(&_port, &PseudoTerminal::unplugged, this, &Simulation::onUnplugged);
     connect(&_terminal, &Terminal::answered, &_port, &PseudoTerminal::send);
+    connect(&_terminal, &Terminal::volunteered, &_port, &PseudoTerminal::send);
     connect(&_terminal, &Terminal::packetReceived, this, &Simulation::recordPacket);
     connect(&_terminal, &Terminal::droppedOff, this, &Simulation::onDroppedOff);
     connect(&_terminal, &Terminal::malformedReceived, this, &Simulation::complain);

@@ -4,28 +4,58 @@
 
 #include <array>
 
+namespace {
+
+constexpr quint8 firmwareKind = 1;
+
+constexpr qsizetype answeredKindOffset = 1;
+
+/// An answer that looks like @a payload, but is about another kind of file.
+QByteArray foreignAnswer(QByteArray payload)
+{
+    const int kind = static_cast<quint8>(payload[answeredKindOffset]);
+    payload[answeredKindOffset] = static_cast<char>((kind + 1) % FileStore::kindCount);
+    return payload;
+}
+
+} // namespace
+
 /// One kind of request. No key is the beginning of another one, so a body names its command without a separator.
 struct Terminal::Command {
     QByteArrayView key;
     char direction; ///< "?" asks, "!" commands
-    qsizetype payloadSize;
-    QByteArray (Terminal::*handle)(const QByteArray &payload); ///< returns the payload of the answer
+    qsizetype minimumPayload;
+    qsizetype maximumPayload;
+    bool isAboutFile; ///< then the payload begins with the file's kind, the answer's with a status and the kind
+    Reply (Terminal::*handle)(const QByteArray &payload);
 
-    static const std::array<Command, 4> all;
+    static const std::array<Command, 7> all;
 
-    [[nodiscard]] char answerDirection() const { return direction == '?' ? '#' : '@'; }
+    [[nodiscard]] QByteArray answer(const QByteArray &payload) const
+    {
+        QByteArray body;
+        body.append(wire::startCharacter).append(direction == '?' ? '#' : '@').append(key).append(payload);
+        return wire::makePacket(body);
+    }
 };
 
-const std::array<Terminal::Command, 4> Terminal::Command::all = {{
-    {QByteArrayView("V"), '?', 0, &Terminal::softwareVersion},
-    {QByteArrayView("H"), '?', 0, &Terminal::hardwareVersion},
-    {QByteArrayView("S"), '?', 0, &Terminal::serialNumber},
-    {QByteArrayView("LOG"), '!', 4, &Terminal::setLogMask},
+const std::array<Terminal::Command, 7> Terminal::Command::all = {{
+    {QByteArrayView("V"), '?', 0, 0, false, &Terminal::softwareVersion},
+    {QByteArrayView("H"), '?', 0, 0, false, &Terminal::hardwareVersion},
+    {QByteArrayView("S"), '?', 0, 0, false, &Terminal::serialNumber},
+    {QByteArrayView("FR"), '!', FileTransfers::readRequestSize, FileTransfers::readRequestSize, true,
+        &Terminal::readFile},
+    {QByteArrayView("FW"), '!', FileTransfers::writeRequestSize,
+        FileTransfers::writeRequestSize + FileTransfers::pieceSize, true, &Terminal::writeFile},
+    {QByteArrayView("FU"), '!', FileTransfers::applyRequestSize, FileTransfers::applyRequestSize, true,
+        &Terminal::applyFile},
+    {QByteArrayView("LOG"), '!', 4, 4, false, &Terminal::setLogMask},
 }};
 
 Terminal::Terminal(TerminalSettings settings, QObject *parent)
     : QObject(parent)
     , _settings(std::move(settings))
+    , _transfers(_settings.transfers)
     , _mask(_settings.mask)
 {
 }
@@ -35,6 +65,16 @@ QList<QByteArray> Terminal::keys()
     QList<QByteArray> keys;
     for (const Command &command : Command::all)
         keys.append(command.key.toByteArray());
+    return keys;
+}
+
+QList<QByteArray> Terminal::fileKeys()
+{
+    QList<QByteArray> keys;
+    for (const Command &command : Command::all) {
+        if (command.isAboutFile)
+            keys.append(command.key.toByteArray());
+    }
     return keys;
 }
 
@@ -69,6 +109,7 @@ void Terminal::loseLine()
 void Terminal::powerUp()
 {
     _mask = _settings.mask;
+    _transfers.forget();
     _on_bus = true;
 }
 
@@ -90,7 +131,8 @@ QString Terminal::faultOf(const Command *command, QByteArrayView body)
         return QStringLiteral("unknown key");
     if (body[wire::directionOffset] != command->direction)
         return QStringLiteral("wrong direction character");
-    if (body.size() != wire::keyOffset + command->key.size() + command->payloadSize)
+    const qsizetype payloadSize = body.size() - wire::keyOffset - command->key.size();
+    if (payloadSize < command->minimumPayload || payloadSize > command->maximumPayload)
         return QStringLiteral("wrong payload size");
     return {};
 }
@@ -103,58 +145,92 @@ void Terminal::handlePacket(const QByteArray &packet)
         Q_EMIT malformedReceived(fault, packet);
         return;
     }
-    serve(*command, body.sliced(wire::keyOffset + command->key.size()));
+    serve(*command, packet);
 }
 
-void Terminal::serve(const Command &command, const QByteArray &payload)
+void Terminal::serve(const Command &command, const QByteArray &packet)
 {
     const QByteArray key = command.key.toByteArray();
+    const RequestNumber number{key, ++_request_counts[key]};
     if (_settings.vanishingKeys.contains(key)) {
         dropOff();
         return;
     }
     if (_settings.silentKeys.contains(key))
         return;
-    const QByteArray answer = (this->*command.handle)(payload);
-    sendAnswer(command, _settings.fixedAnswers.value(key, answer));
+
+    const Reply reply = replyTo(command, number, packet.sliced(wire::headerSize + wire::keyOffset + key.size()));
+    if (!reply.complaint.isEmpty())
+        Q_EMIT malformedReceived(reply.complaint, packet);
+    if (_settings.foreignAnswers.contains(number) && reply.payload && reply.payload->size() > answeredKindOffset)
+        Q_EMIT volunteered(command.answer(foreignAnswer(*reply.payload)));
+    if (reply.payload)
+        Q_EMIT answered(command.answer(*reply.payload));
+    if (reply.restarts)
+        dropOff();
 }
 
-void Terminal::sendAnswer(const Command &command, const QByteArray &payload)
+Reply Terminal::replyTo(const Command &command, const RequestNumber &number, const QByteArray &payload)
 {
-    QByteArray body;
-    body.append(wire::startCharacter).append(command.answerDirection()).append(command.key).append(payload);
-    Q_EMIT answered(wire::makePacket(body));
+    if (const auto fixed = _settings.fixedAnswers.constFind(number.first); fixed != _settings.fixedAnswers.cend())
+        return {*fixed, {}};
+    if (const auto status = _settings.statuses.constFind(number); status != _settings.statuses.cend()) {
+        _transfers.forget();
+        return {FileTransfers::refusal(*status, static_cast<quint8>(payload.front())), {}};
+    }
+    return (this->*command.handle)(payload);
 }
 
 void Terminal::dropOff()
 {
     _on_bus = false;
     _stream.clear();
+    if (!_settings.lastBytes.isEmpty())
+        Q_EMIT volunteered(_settings.lastBytes);
     Q_EMIT droppedOff();
 }
 
-QByteArray Terminal::softwareVersion(const QByteArray & /*payload*/)
+Reply Terminal::softwareVersion(const QByteArray & /*payload*/)
 {
     const QStringList fields{{}, _settings.name, _settings.softwareVersion, _settings.date, _settings.language};
-    return fields.join(QLatin1Char(':')).toUtf8();
+    return {fields.join(QLatin1Char(':')).toUtf8(), {}};
 }
 
-QByteArray Terminal::hardwareVersion(const QByteArray & /*payload*/)
+Reply Terminal::hardwareVersion(const QByteArray & /*payload*/)
 {
     QByteArray answer(":BHR:");
     wire::append(answer, _settings.bhr);
-    return answer;
+    return {answer, {}};
 }
 
-QByteArray Terminal::serialNumber(const QByteArray & /*payload*/)
+Reply Terminal::serialNumber(const QByteArray & /*payload*/)
 {
-    return QByteArray(":") + _settings.imei.toUtf8();
+    return {QByteArray(":") + _settings.imei.toUtf8(), {}};
 }
 
-QByteArray Terminal::setLogMask(const QByteArray &payload)
+Reply Terminal::readFile(const QByteArray &payload)
+{
+    return _transfers.read(payload);
+}
+
+Reply Terminal::writeFile(const QByteArray &payload)
+{
+    return _transfers.write(payload);
+}
+
+Reply Terminal::applyFile(const QByteArray &payload)
+{
+    Reply reply = _transfers.apply(payload);
+    const bool isFirmware = static_cast<quint8>(payload.front()) == firmwareKind;
+    if (reply.restarts && isFirmware && _settings.restartsBeforeFirmwareAnswer)
+        reply.payload.reset();
+    return reply;
+}
+
+Reply Terminal::setLogMask(const QByteArray &payload)
 {
     _mask = wire::read<quint32>(payload, 0);
     QByteArray answer;
     wire::append(answer, _mask);
-    return answer;
+    return {answer, {}};
 }

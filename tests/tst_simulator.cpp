@@ -2,7 +2,9 @@
 #include "terminal.h"
 #include "wire.h"
 
+#include <QFile>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 // The packets below were written out by a Python script: struct.pack for the integers, a loop for the exclusive or.
@@ -24,20 +26,33 @@ const QByteArray serialNumber
 const QByteArray mask4000 = QByteArray::fromHex("404a5658010000000000000009006e622a404c4f4700400000");
 const QByteArray shortSoftwareVersion = QByteArray::fromHex("404a56580100000000000000050024242a23563a41");
 
+// The file "123456789" of kind 2.
+const QByteArray readKeys = QByteArray::fromHex("404a565800000000010000000f001f152a2146520200000000000000000002");
+const QByteArray keysRead = QByteArray::fromHex("404a565801000000000000001d00adb52a404652310201c3b2a1"
+                                                "00000000090009000000313233343536373839");
+const QByteArray writeKeys
+    = QByteArray::fromHex("404a565800000000010000001c0029302a214657020000000000000000090009000000313233343536373839");
+const QByteArray keysWritten = QByteArray::fromHex("404a56580100000000000000100090852a404657310201c3b2a1000000000900");
+const QByteArray applyKeys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
+const QByteArray keysApplied = QByteArray::fromHex("404a565801000000000000000a004a452a404655310200000000");
+
 /// A terminal and everything that it emitted.
 struct Bench {
     explicit Bench(const TerminalSettings &settings = {})
         : terminal(settings)
         , answered(&terminal, &Terminal::answered)
+        , volunteered(&terminal, &Terminal::volunteered)
         , droppedOff(&terminal, &Terminal::droppedOff)
         , malformed(&terminal, &Terminal::malformedReceived)
     {
     }
 
-    [[nodiscard]] QByteArray answers() const
+    [[nodiscard]] QByteArray answers() const { return joined(answered); }
+
+    static QByteArray joined(const QSignalSpy &spy)
     {
         QByteArray bytes;
-        for (const QList<QVariant> &arguments : answered)
+        for (const QList<QVariant> &arguments : spy)
             bytes.append(arguments.first().toByteArray());
         return bytes;
     }
@@ -53,9 +68,20 @@ struct Bench {
 
     Terminal terminal;
     QSignalSpy answered;
+    QSignalSpy volunteered;
     QSignalSpy droppedOff;
     QSignalSpy malformed;
 };
+
+/// @a packet, a request about the file kind 2, for another kind.
+QByteArray forKind(QByteArray packet, quint8 kind)
+{
+    constexpr qsizetype kindOffset = 20;
+    const int change = packet[kindOffset] ^ kind;
+    for (const qsizetype offset : {qsizetype{14}, qsizetype{15}, kindOffset})
+        packet[offset] = static_cast<char>(packet[offset] ^ change);
+    return packet;
+}
 
 Options parsed(const QStringList &arguments)
 {
@@ -79,6 +105,13 @@ private Q_SLOTS:
     void aFixedAnswerTakesThePlaceOfTheTrueOne();
     void aSilentKeyGetsNoAnswer();
     void aVanishingTerminalIsDeafUntilItComesBack();
+
+    void aFileIsWrittenReadAndApplied();
+    void aScheduledStatusRefusesOneRequest();
+    void aForeignAnswerComesFirst();
+    void aTerminalMayRestartBeforeItAnswersFirmware_data();
+    void aTerminalMayRestartBeforeItAnswersFirmware();
+    void theLastBytesComeBeforeTheDrop();
 
     void optionsReachTheTerminal();
     void aBadCommandLineIsRefused_data();
@@ -147,8 +180,7 @@ void SimulatorTest::whatIsNoCorrectRequestIsReported_data()
                              << QStringLiteral("wrong direction character");
     QTest::newRow("V with a payload") << QByteArray::fromHex("404a5658000000000100000004003b3a2a3f5678")
                                       << QStringLiteral("wrong payload size");
-    QTest::newRow("LOG with 3 bytes") << QByteArray::fromHex("404a565800000000010000000"
-                                                             "8000f022a214c4f47004000")
+    QTest::newRow("LOG with 3 bytes") << QByteArray::fromHex("404a5658000000000100000008000f022a214c4f47004000")
                                       << QStringLiteral("wrong payload size");
 }
 
@@ -223,11 +255,101 @@ void SimulatorTest::aVanishingTerminalIsDeafUntilItComesBack()
     QCOMPARE(bench.complaints(), QStringList());
 }
 
+void SimulatorTest::aFileIsWrittenReadAndApplied()
+{
+    Bench writing;
+    writing.terminal.receive(writeKeys);
+    QCOMPARE(writing.answers(), keysWritten);
+    writing.terminal.receive(applyKeys);
+    QCOMPARE(writing.answers(), keysWritten + keysApplied);
+    QCOMPARE(writing.droppedOff.count(), 1);
+    QCOMPARE(writing.complaints(), QStringList());
+
+    const QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("keys")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("123456789");
+    file.close();
+    TerminalSettings settings;
+    settings.transfers.directory = directory.path();
+    Bench reading(settings);
+    reading.terminal.receive(readKeys);
+    QCOMPARE(reading.answers(), keysRead);
+    QCOMPARE(reading.complaints(), QStringList());
+}
+
+void SimulatorTest::aScheduledStatusRefusesOneRequest()
+{
+    // The refusal of a write of kind 2 with status 0x30.
+    const QByteArray refusal = QByteArray::fromHex("404a565801000000000000000600494a2a4046573002");
+    TerminalSettings settings;
+    settings.statuses.insert({QByteArray("FW"), 2}, 0x30);
+    Bench bench(settings);
+    bench.terminal.receive(writeKeys);
+    QCOMPARE(bench.answers(), keysWritten);
+    bench.terminal.receive(writeKeys);
+    QCOMPARE(bench.answers(), keysWritten + refusal);
+    bench.terminal.receive(writeKeys);
+    QCOMPARE(bench.answered.count(), 3);
+    QCOMPARE(bench.complaints(), QStringList());
+}
+
+void SimulatorTest::aForeignAnswerComesFirst()
+{
+    TerminalSettings settings;
+    settings.foreignAnswers.insert({QByteArray("FW"), 1});
+    Terminal terminal(settings);
+    QByteArrayList sent;
+    connect(&terminal, &Terminal::volunteered, &terminal, [&sent](const QByteArray &bytes) { sent.append(bytes); });
+    connect(&terminal, &Terminal::answered, &terminal, [&sent](const QByteArray &packet) { sent.append(packet); });
+    terminal.receive(writeKeys);
+    // The same answer for kind 3: one bit more in the body and in both checksums.
+    const QByteArray foreign = QByteArray::fromHex("404a56580100000000000000100091842a404657310301c3b2a1000000000900");
+    QCOMPARE(sent, (QByteArrayList{foreign, keysWritten}));
+    terminal.receive(writeKeys);
+    QCOMPARE(sent.size(), 3);
+}
+
+void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware_data()
+{
+    QTest::addColumn<quint8>("kind");
+    QTest::addColumn<int>("answers");
+    QTest::newRow("firmware") << quint8{1} << 1;
+    QTest::newRow("keys") << quint8{2} << 2;
+}
+
+void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
+{
+    QFETCH(const quint8, kind);
+    QFETCH(const int, answers);
+    TerminalSettings settings;
+    settings.restartsBeforeFirmwareAnswer = true;
+    Bench bench(settings);
+    bench.terminal.receive(forKind(writeKeys, kind));
+    bench.terminal.receive(forKind(applyKeys, kind));
+    QCOMPARE(bench.answered.count(), answers);
+    QCOMPARE(bench.droppedOff.count(), 1);
+}
+
+void SimulatorTest::theLastBytesComeBeforeTheDrop()
+{
+    TerminalSettings settings;
+    settings.vanishingKeys = {QByteArray("S")};
+    settings.lastBytes = QByteArray("@JVX");
+    Bench bench(settings);
+    bench.terminal.receive(askSerialNumber);
+    QCOMPARE(Bench::joined(bench.volunteered), QByteArray("@JVX"));
+    QCOMPARE(bench.droppedOff.count(), 1);
+}
+
 void SimulatorTest::optionsReachTheTerminal()
 {
     const Options options = parsed({QStringLiteral("--name=Ä"), QStringLiteral("--bhr=0102030405060708"),
         QStringLiteral("--mask=ffffffff"), QStringLiteral("--answer=LOG=00FF"), QStringLiteral("--silent=V"),
-        QStringLiteral("--vanish=H"), QStringLiteral("--restart=0.25"), QStringLiteral("--no-return")});
+        QStringLiteral("--vanish=H"), QStringLiteral("--restart=0.25"), QStringLiteral("--no-return"),
+        QStringLiteral("--accept=0"), QStringLiteral("--piece=65000"), QStringLiteral("--announce=4294967295"),
+        QStringLiteral("--status=FR:3=30"), QStringLiteral("--foreign=FU:1"), QStringLiteral("--restart-junk=4a4A"),
+        QStringLiteral("--restart-before-answer"), QStringLiteral("--files=/")});
     QCOMPARE(options.link, QStringLiteral("port"));
     QCOMPARE(options.terminal.name, QStringLiteral("Ä"));
     QCOMPARE(options.terminal.bhr, quint64{0x0102030405060708});
@@ -237,6 +359,14 @@ void SimulatorTest::optionsReachTheTerminal()
     QVERIFY(options.terminal.vanishingKeys.contains(QByteArray("H")));
     QCOMPARE(options.restartTime.count(), 250);
     QVERIFY(!options.returns);
+    QCOMPARE(options.terminal.transfers.accept, 0);
+    QCOMPARE(options.terminal.transfers.piece, 65000);
+    QCOMPARE(options.terminal.transfers.announced, 0xFFFFFFFFU);
+    QCOMPARE(options.terminal.transfers.directory, QStringLiteral("/"));
+    QCOMPARE(options.terminal.statuses.value({QByteArray("FR"), 3}), quint8{0x30});
+    QVERIFY(options.terminal.foreignAnswers.contains({QByteArray("FU"), 1}));
+    QCOMPARE(options.terminal.lastBytes, QByteArray("JJ"));
+    QVERIFY(options.terminal.restartsBeforeFirmwareAnswer);
 }
 
 void SimulatorTest::aBadCommandLineIsRefused_data()
@@ -244,7 +374,9 @@ void SimulatorTest::aBadCommandLineIsRefused_data()
     QTest::addColumn<QStringList>("arguments");
     for (const char *argument :
         {"--nonsense", "stray", "--link=", "--bhr=xyz", "--mask=100000000", "--answer=V", "--answer=V=0",
-            "--answer=V=0g", "--answer=X=00", "--silent=X", "--vanish=", "--restart=-1", "--restart=nan"})
+            "--answer=V=0g", "--answer=X=00", "--silent=X", "--vanish=", "--restart=-1", "--restart=nan",
+            "--accept=513", "--accept=-1", "--piece=65001", "--announce=4294967296", "--status=FR:0=30",
+            "--status=FR:1=3031", "--status=V:1=30", "--foreign=LOG:1", "--foreign=FR", "--files=/nowhere"})
         QTest::newRow(argument) << QStringList{QString::fromLatin1(argument)};
 }
 

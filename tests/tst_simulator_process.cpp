@@ -76,6 +76,7 @@ private Q_SLOTS:
     void aUsageErrorGivesExitCode2();
     void aVanishedTerminalComesBackUnderTheSameName();
     void aTerminalMayStayAway();
+    void theAnswerToAnApplyIsNotLostInTheRestart();
 
 private:
     void start(const QStringList &arguments = {});
@@ -220,6 +221,30 @@ void SimulatorProcessTest::aTerminalMayStayAway()
     QTest::qWait(200);
     QVERIFY(recorded().endsWith("# unplugged\n"));
     QVERIFY(!QFileInfo(_link).isSymbolicLink());
+}
+
+void SimulatorProcessTest::theAnswerToAnApplyIsNotLostInTheRestart()
+{
+    // The file "123456789" of kind 2, written and applied.
+    const QByteArray writeKeys = QByteArray::fromHex(
+        "404a565800000000010000001c0029302a214657020000000000000000090009000000313233343536373839");
+    const QByteArray applyKeys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
+    const QByteArray keysApplied = QByteArray::fromHex("404a565801000000000000000a004a452a404655310200000000");
+    constexpr qsizetype keysWrittenSize = 32;
+
+    start({QStringLiteral("--files"), _directory->path(), QStringLiteral("--restart=0.1")});
+    const Port port(_link);
+    port.write(writeKeys);
+    QCOMPARE(port.read(keysWrittenSize).size(), keysWrittenSize);
+    port.write(applyKeys);
+    QTest::qWait(100); // a slow reader
+    QVERIFY(!recorded().contains("unplugged"));
+    QCOMPARE(port.read(keysApplied.size()), keysApplied);
+    QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n# link up\n"), patience);
+
+    QFile file(_directory->filePath(QStringLiteral("keys")));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("123456789"));
 }
 
 QTEST_GUILESS_MAIN(SimulatorProcessTest)
