@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <QCommandLineParser>
+#include <QFile>
 #include <QFileInfo>
 
 #include <limits>
@@ -15,6 +16,7 @@ QList<QCommandLineOption> knownOptions()
     const QString hex = QStringLiteral("hex");
     const QString key = QStringLiteral("key");
     const QString path = QStringLiteral("path");
+    const QString oneIn = QStringLiteral("n");
     const QString bytes = QStringLiteral("bytes");
     return {
         {QStringLiteral("link"), QStringLiteral("Name of the serial port: a symbolic link to make. Required."), path},
@@ -48,11 +50,52 @@ QList<QCommandLineOption> knownOptions()
             QStringLiteral("key=hex")},
         {QStringLiteral("silent"), QStringLiteral("Never answer requests of this key. Repeatable."), key},
         {QStringLiteral("vanish"), QStringLiteral("Drop off the bus on requests of this key. Repeatable."), key},
+        {QStringLiteral("mask-reply"), QStringLiteral("Log mask to tell in answers, whatever was set."), hex},
+
+        {QStringLiteral("log-rate"),
+            QStringLiteral("Log records to send per second while the mask lets any through; \"max\": as many as the "
+                           "line takes. Default: 10 with --log, otherwise none."),
+            QStringLiteral("number")},
+        {QStringLiteral("log-count"), QStringLiteral("Log records to send in all."), QStringLiteral("number")},
+        {QStringLiteral("log"),
+            QStringLiteral("File whose lines are the texts to log, once through, in place of the built-in ones."),
+            path},
+        {QStringLiteral("log-start"), QStringLiteral("Time of the first log record, since 1970. Default: now."),
+            QStringLiteral("seconds")},
+        {QStringLiteral("log-always"),
+            QStringLiteral("Send the log irrespective of the mask, from the first byte received on, and a record "
+                           "directly before and after every answer.")},
+
         {QStringLiteral("restart"), QStringLiteral("Time off the bus before coming back, default 1.5."),
             QStringLiteral("seconds")},
+        {QStringLiteral("drop-at"),
+            QStringLiteral("Drop off the bus at the Nth packet received, before (default) or after answering it."),
+            QStringLiteral("n[:before|after]")},
         {QStringLiteral("no-return"), QStringLiteral("Never come back once dropped off the bus.")},
-        {QStringLiteral("restart-before-answer"), QStringLiteral("Restart without answering the apply of firmware.")},
+        {QStringLiteral("restart-before-answer"),
+            QStringLiteral("Answer the apply of firmware only by a restart, one second later.")},
         {QStringLiteral("restart-junk"), QStringLiteral("Bytes to send just before dropping off the bus."), hex},
+
+        {QStringLiteral("seed"), QStringLiteral("Seed of everything below that is left to chance, default 1."),
+            QStringLiteral("number")},
+        {QStringLiteral("latency"), QStringLiteral("Delay every answer."), QStringLiteral("ms")},
+        {QStringLiteral("split"),
+            QStringLiteral("Write answers in pieces of so many bytes, of random sizes or byte by byte (every), with a "
+                           "short pause between them."),
+            QStringLiteral("n|random|every")},
+        {QStringLiteral("garbage"),
+            QStringLiteral("Precede every packet with 1 to so many random bytes, sometimes holding \"@JVX\" or a part "
+                           "of it."),
+            bytes},
+        {QStringLiteral("damage-header"), QStringLiteral("Flip a bit in the header of one in N packets."), oneIn},
+        {QStringLiteral("damage-body"), QStringLiteral("Flip a bit in the body of one in N packets."), oneIn},
+        {QStringLiteral("lose"), QStringLiteral("Lose one in N answers."), oneIn},
+        {QStringLiteral("duplicate"), QStringLiteral("Send one in N answers twice."), oneIn},
+        {QStringLiteral("late"), QStringLiteral("Delay one in N answers by so much more."), QStringLiteral("n:ms")},
+        {QStringLiteral("foreign-rate"),
+            QStringLiteral("Precede one in N answers about files with one for another kind."), oneIn},
+        {QStringLiteral("error-rate"), QStringLiteral("Refuse one in N requests for files with an error status."),
+            oneIn},
     };
 }
 
@@ -83,9 +126,28 @@ public:
         return number;
     }
 
+    [[nodiscard]] quint32 mask(const QString &name, quint32 fallback) const
+    {
+        return static_cast<quint32>(hexNumber(name, fallback, std::numeric_limits<quint32>::max()));
+    }
+
     [[nodiscard]] qsizetype number(const QString &name, qsizetype fallback, qsizetype minimum, qsizetype maximum) const
     {
         return isSet(name) ? numberIn(name, _parser.value(name), minimum, maximum) : fallback;
+    }
+
+    /// Time from one to the next for so many a second; zero for "max".
+    [[nodiscard]] std::chrono::nanoseconds periodOfRate(const QString &name) const
+    {
+        if (_parser.value(name) == QStringLiteral("max"))
+            return std::chrono::nanoseconds::zero();
+        constexpr double slowest = 0.001;
+        constexpr double fastest = 1000000;
+        bool valid = false;
+        const double rate = _parser.value(name).toDouble(&valid);
+        if (!valid || !(rate >= slowest && rate <= fastest))
+            throw bad(name, _parser.value(name));
+        return std::chrono::nanoseconds(qRound64(1e9 / rate));
     }
 
     [[nodiscard]] std::chrono::milliseconds seconds(const QString &name, std::chrono::milliseconds fallback) const
@@ -98,6 +160,57 @@ public:
         if (!valid || !(number >= 0 && number <= longest))
             throw bad(name, _parser.value(name));
         return std::chrono::milliseconds(qRound64(number * 1000));
+    }
+
+    [[nodiscard]] quint32 seed() const
+    {
+        return static_cast<quint32>(number(QStringLiteral("seed"), 1, 0, std::numeric_limits<quint32>::max()));
+    }
+
+    /// The N of "one in N", 0 when the option is not given.
+    [[nodiscard]] int oneIn(const QString &name) const
+    {
+        return static_cast<int>(number(name, 0, 1, std::numeric_limits<int>::max()));
+    }
+
+    [[nodiscard]] std::chrono::milliseconds milliseconds(const QString &name) const
+    {
+        return std::chrono::milliseconds(number(name, 0, 0, longestDelay));
+    }
+
+    /// The value of the form N:MS of --late.
+    void readLateness(FaultSettings &settings) const
+    {
+        const QString name = QStringLiteral("late");
+        if (!isSet(name))
+            return;
+        const auto [count, delay] = split(name, text(name), QLatin1Char(':'));
+        settings.late = static_cast<int>(numberIn(name, count, 1, std::numeric_limits<int>::max()));
+        settings.lateness = std::chrono::milliseconds(numberIn(name, delay, 0, longestDelay));
+    }
+
+    /// The value of the form N, "random" or "every" of --split.
+    void readSplit(FaultSettings &settings) const
+    {
+        const QString name = QStringLiteral("split");
+        settings.splitsAtRandom = text(name) == QStringLiteral("random");
+        if (text(name) == QStringLiteral("every"))
+            settings.splitSize = 1;
+        else if (!settings.splitsAtRandom)
+            settings.splitSize = oneIn(name);
+    }
+
+    /// The value of the form N[:before|after] of --drop-at.
+    [[nodiscard]] DropPoint dropPoint(const QString &name) const
+    {
+        if (!isSet(name))
+            return {};
+        const QStringList parts = text(name).split(QLatin1Char(':'));
+        const QString moment = parts.value(1, QStringLiteral("before"));
+        const bool afterAnswer = moment == QStringLiteral("after");
+        if (parts.size() > 2 || (!afterAnswer && moment != QStringLiteral("before")))
+            throw bad(name, text(name));
+        return {static_cast<int>(numberIn(name, parts.first(), 1, std::numeric_limits<int>::max())), afterAnswer};
     }
 
     [[nodiscard]] QSet<QByteArray> keys(const QString &name) const
@@ -145,6 +258,8 @@ public:
     }
 
 private:
+    static constexpr qsizetype longestDelay = 86400000; // ms
+
     static UsageError bad(const QString &name, const QString &value)
     {
         return UsageError(QStringLiteral("bad value '%1' of option --%2").arg(value, name));
@@ -194,20 +309,55 @@ private:
     const QCommandLineParser &_parser;
 };
 
+// A body is 65535 bytes at most; 65000 leave room for what goes before the data.
+constexpr qsizetype longestData = 65000;
+
 TransferSettings transferSettings(const Values &values)
 {
-    // A body is 65535 bytes at most; 65000 leave room for what goes before the data.
-    constexpr qsizetype longestPiece = 65000;
-
     TransferSettings settings;
     settings.directory = values.text(QStringLiteral("files"));
     if (!settings.directory.isEmpty() && !QFileInfo(settings.directory).isDir())
         throw UsageError(QStringLiteral("'%1' is not a directory").arg(settings.directory));
     settings.accept = values.number(QStringLiteral("accept"), settings.accept, 0, FileTransfers::pieceSize);
-    settings.piece = values.number(QStringLiteral("piece"), settings.piece, 0, longestPiece);
+    settings.piece = values.number(QStringLiteral("piece"), settings.piece, 0, longestData);
     if (values.isSet(QStringLiteral("announce")))
         settings.announced = static_cast<quint32>(
             values.number(QStringLiteral("announce"), 0, 0, std::numeric_limits<quint32>::max()));
+    return settings;
+}
+
+/// The lines of a file without their line ends.
+QByteArrayList linesOf(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw UsageError(QStringLiteral("cannot open '%1': %2").arg(path, file.errorString()));
+    QByteArrayList lines;
+    while (!file.atEnd()) {
+        QByteArray line = file.readLine();
+        if (line.endsWith('\n'))
+            line.chop(1);
+        if (line.size() > longestData)
+            throw UsageError(QStringLiteral("line too long in '%1'").arg(path));
+        lines.append(line);
+    }
+    return lines;
+}
+
+LogSettings logSettings(const Values &values)
+{
+    LogSettings settings;
+    if (values.isSet(QStringLiteral("log"))) {
+        settings.texts = linesOf(values.text(QStringLiteral("log")));
+        settings.period = std::chrono::milliseconds(100);
+    }
+    if (values.isSet(QStringLiteral("log-rate")))
+        settings.period = values.periodOfRate(QStringLiteral("log-rate"));
+    if (values.isSet(QStringLiteral("log-count")))
+        settings.count = values.number(QStringLiteral("log-count"), 0, 0, std::numeric_limits<qsizetype>::max());
+    if (values.isSet(QStringLiteral("log-start")))
+        settings.start = static_cast<quint32>(
+            values.number(QStringLiteral("log-start"), 0, 0, std::numeric_limits<quint32>::max()));
     return settings;
 }
 
@@ -220,16 +370,41 @@ TerminalSettings terminalSettings(const Values &values)
     settings.language = values.text(QStringLiteral("language"), settings.language);
     settings.bhr = values.hexNumber(QStringLiteral("bhr"), settings.bhr, std::numeric_limits<quint64>::max());
     settings.imei = values.text(QStringLiteral("imei"), settings.imei);
-    settings.mask = static_cast<quint32>(
-        values.hexNumber(QStringLiteral("mask"), settings.mask, std::numeric_limits<quint32>::max()));
+    settings.mask = values.mask(QStringLiteral("mask"), settings.mask);
+    if (values.isSet(QStringLiteral("mask-reply")))
+        settings.reportedMask = values.mask(QStringLiteral("mask-reply"), 0);
+    settings.log = logSettings(values);
+    settings.logsAlways = values.isSet(QStringLiteral("log-always"));
     settings.transfers = transferSettings(values);
     settings.statuses = values.statuses(QStringLiteral("status"));
     settings.foreignAnswers = values.requestNumbers(QStringLiteral("foreign"));
+    settings.seed = ~values.seed(); // so that what befalls requests does not go along with what befalls the line
+    settings.errorRate = values.oneIn(QStringLiteral("error-rate"));
+    settings.foreignRate = values.oneIn(QStringLiteral("foreign-rate"));
+    settings.drop = values.dropPoint(QStringLiteral("drop-at"));
     settings.restartsBeforeFirmwareAnswer = values.isSet(QStringLiteral("restart-before-answer"));
     settings.lastBytes = values.bytes(QStringLiteral("restart-junk"));
     settings.fixedAnswers = values.payloads(QStringLiteral("answer"));
     settings.silentKeys = values.keys(QStringLiteral("silent"));
     settings.vanishingKeys = values.keys(QStringLiteral("vanish"));
+    return settings;
+}
+
+FaultSettings faultSettings(const Values &values)
+{
+    // Garbage much longer than any packet tests nothing more.
+    constexpr qsizetype longestGarbage = 65535;
+
+    FaultSettings settings;
+    settings.seed = values.seed();
+    settings.latency = values.milliseconds(QStringLiteral("latency"));
+    values.readSplit(settings);
+    settings.garbage = static_cast<int>(values.number(QStringLiteral("garbage"), 0, 1, longestGarbage));
+    settings.damagedHeaders = values.oneIn(QStringLiteral("damage-header"));
+    settings.damagedBodies = values.oneIn(QStringLiteral("damage-body"));
+    settings.lost = values.oneIn(QStringLiteral("lose"));
+    settings.duplicated = values.oneIn(QStringLiteral("duplicate"));
+    values.readLateness(settings);
     return settings;
 }
 
@@ -267,5 +442,6 @@ Options parseOptions(const QStringList &arguments)
     options.restartTime = values.seconds(QStringLiteral("restart"), options.restartTime);
     options.returns = !values.isSet(QStringLiteral("no-return"));
     options.terminal = terminalSettings(values);
+    options.faults = faultSettings(values);
     return options;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "faults.h"
 #include "terminal.h"
 
 #include <QString>
@@ -21,6 +22,7 @@ struct Options {
     std::chrono::milliseconds restartTime{1500}; ///< from dropping off the bus to coming back
     bool returns = true;                         ///< whether the terminal comes back at all
     TerminalSettings terminal;
+    FaultSettings faults;
 };
 
 /// A command line that cannot be obeyed; what() is one line of English.

@@ -89,7 +89,13 @@ void PseudoTerminal::send(const QByteArray &bytes)
     if (_master < 0)
         return;
     _outgoing.append(bytes);
-    writeQueued();
+    if (!_collecting)
+        writeQueued();
+}
+
+bool PseudoTerminal::isWilling() const
+{
+    return _master >= 0 && !_drain_timer.isActive() && _outgoing.isEmpty();
 }
 
 bool PseudoTerminal::openMaster()
@@ -167,8 +173,12 @@ void PseudoTerminal::readAvailable()
 {
     std::array<char, 4096> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by read()
     const auto size = retried([&] { return ::read(_master, buffer.data(), buffer.size()); });
-    if (size > 0)
-        Q_EMIT received(QByteArray(buffer.data(), size));
+    if (size <= 0)
+        return;
+    _collecting = true;
+    Q_EMIT received(QByteArray(buffer.data(), size));
+    _collecting = false;
+    writeQueued();
 }
 
 void PseudoTerminal::writeQueued()

@@ -28,8 +28,12 @@ public:
     /// Unplugs as soon as the other side has read everything that was sent, or has not for half a second.
     void unplugOnceRead();
 
-    /// Queues @a bytes for the line. Does nothing while unplugged.
+    /// Queues @a bytes for the line. What is sent while received() is handled goes out in one piece. Does nothing while
+    /// unplugged.
     void send(const QByteArray &bytes);
+
+    /// Whether there is a line and it takes more bytes without a queue building up.
+    [[nodiscard]] bool isWilling() const;
 
     [[nodiscard]] QString errorString() const { return _error_string; }
 
@@ -59,6 +63,7 @@ private:
     std::unique_ptr<QSocketNotifier> _read_notifier;
     std::unique_ptr<QSocketNotifier> _write_notifier;
     QByteArray _outgoing;
+    bool _collecting = false; ///< received() is being handled
 
     QTimer _drain_timer;
     QDeadlineTimer _drain_deadline;

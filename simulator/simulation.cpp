@@ -1,11 +1,23 @@
 #include "simulation.h"
 
+#include <chrono>
 #include <cstdio>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// At full speed a turn of the event loop must come to its end, and a line that is full must get time to empty.
+constexpr int logRecordsPerTurn = 100;
+constexpr auto logRetryInterval = 1ms;
+
+} // namespace
 
 Simulation::Simulation(const Options &options, QObject *parent)
     : QObject(parent)
     , _options(options)
     , _terminal(options.terminal)
+    , _line(options.faults)
     , _port(options.link)
     , _record(options.record)
 {
@@ -14,11 +26,17 @@ Simulation::Simulation(const Options &options, QObject *parent)
     _restart_timer.setInterval(options.restartTime);
     connect(&_restart_timer, &QTimer::timeout, this, &Simulation::comeBack);
 
+    _log_timer.setSingleShot(true);
+    _log_timer.setTimerType(Qt::PreciseTimer);
+    connect(&_log_timer, &QTimer::timeout, this, &Simulation::sendDueLogRecords);
+
     connect(&_port, &PseudoTerminal::received, &_terminal, &Terminal::receive);
     connect(&_port, &PseudoTerminal::plugged, this, &Simulation::recordPlugged);
     connect(&_port, &PseudoTerminal::unplugged, this, &Simulation::onUnplugged);
-    connect(&_terminal, &Terminal::answered, &_port, &PseudoTerminal::send);
-    connect(&_terminal, &Terminal::volunteered, &_port, &PseudoTerminal::send);
+    connect(&_terminal, &Terminal::answered, &_line, &FaultyLine::sendAnswer);
+    connect(&_terminal, &Terminal::volunteered, &_line, &FaultyLine::sendMessage);
+    connect(&_line, &FaultyLine::sent, &_port, &PseudoTerminal::send);
+    connect(&_line, &FaultyLine::becameIdle, this, &Simulation::unplugOnceIdle);
     connect(&_terminal, &Terminal::packetReceived, this, &Simulation::recordPacket);
     connect(&_terminal, &Terminal::droppedOff, this, &Simulation::onDroppedOff);
     connect(&_terminal, &Terminal::malformedReceived, this, &Simulation::complain);
@@ -32,6 +50,8 @@ bool Simulation::start()
         _error_string = _port.errorString();
         return false;
     }
+    if (_options.terminal.log.period)
+        startLog();
     return true;
 }
 
@@ -39,6 +59,7 @@ void Simulation::finish()
 {
     _finished = true;
     _restart_timer.stop();
+    _log_timer.stop();
     _terminal.loseLine();
     _port.unplug();
 }
@@ -67,8 +88,39 @@ void Simulation::recordPlugged()
     recordLine(QByteArrayLiteral("# link up"));
 }
 
+void Simulation::startLog()
+{
+    _next_log_record = std::chrono::steady_clock::now();
+    sendDueLogRecords();
+}
+
+void Simulation::sendDueLogRecords()
+{
+    const std::chrono::nanoseconds period = *_options.terminal.log.period;
+    const auto now = std::chrono::steady_clock::now();
+    for (int count = 0; count < logRecordsPerTurn && _next_log_record <= now; ++count) {
+        if (_line.isWriting() || !_port.isWilling() || !_terminal.sendLogRecord()) {
+            // What was not sent is not made up for: the log goes on at its own rate.
+            _next_log_record = now + std::max<std::chrono::nanoseconds>(period, logRetryInterval);
+            break;
+        }
+        _next_log_record += period;
+    }
+    const auto wait = std::max<std::chrono::nanoseconds>(_next_log_record - now, 0ns);
+    _log_timer.start(std::chrono::ceil<std::chrono::milliseconds>(wait));
+}
+
 void Simulation::onDroppedOff()
 {
+    _dropping_off = true;
+    unplugOnceIdle();
+}
+
+void Simulation::unplugOnceIdle()
+{
+    if (!_dropping_off || !_line.isIdle())
+        return;
+    _dropping_off = false;
     _port.unplugOnceRead();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "faults.h"
 #include "options.h"
 #include "pseudoterminal.h"
 #include "terminal.h"
@@ -7,6 +8,8 @@
 #include <QFile>
 #include <QObject>
 #include <QTimer>
+
+#include <chrono>
 
 /// One run of the simulator: the terminal on its port, its restarts, its record and its complaints.
 class Simulation : public QObject {
@@ -36,17 +39,24 @@ private:
     void recordPacket(const QByteArray &packet);
     void recordPlugged();
 
+    void startLog();
+    void sendDueLogRecords();
     void onDroppedOff();
+    void unplugOnceIdle();
     void onUnplugged();
     void comeBack();
     void complain(const QString &reason, const QByteArray &bytes);
 
     const Options _options;
     Terminal _terminal;
+    FaultyLine _line;
     PseudoTerminal _port;
     QFile _record;
     QTimer _restart_timer;
+    QTimer _log_timer;
+    std::chrono::steady_clock::time_point _next_log_record; ///< when it is due
     QString _error_string;
     bool _has_complained = false;
+    bool _dropping_off = false; ///< the terminal is off the bus, what it sent before is still on its way
     bool _finished = false;
 };

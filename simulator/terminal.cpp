@@ -2,11 +2,21 @@
 
 #include "wire.h"
 
+#include <QTimer>
+
 #include <array>
+#include <chrono>
+
+using namespace std::chrono_literals;
 
 namespace {
 
+constexpr auto installTime = 1s;
+
 constexpr quint8 firmwareKind = 1;
+
+// Small, as true error codes are; neither 0, which would read as no error, nor the "1" of a success.
+constexpr int largestRandomStatus = 15;
 
 constexpr qsizetype answeredKindOffset = 1;
 
@@ -56,6 +66,8 @@ Terminal::Terminal(TerminalSettings settings, QObject *parent)
     : QObject(parent)
     , _settings(std::move(settings))
     , _transfers(_settings.transfers)
+    , _log(_settings.log)
+    , _dice(_settings.seed)
     , _mask(_settings.mask)
 {
 }
@@ -82,6 +94,7 @@ void Terminal::receive(const QByteArray &bytes)
 {
     if (!_on_bus)
         return;
+    _has_heard = true;
     _stream.append(bytes);
     while (_on_bus) {
         const wire::Item item = wire::takeItem(_stream);
@@ -106,8 +119,20 @@ void Terminal::loseLine()
     _stream.clear();
 }
 
+bool Terminal::sendLogRecord()
+{
+    if (!_on_bus)
+        return false;
+    const std::optional<QByteArray> record = _log.next(effectiveMask());
+    if (!record)
+        return false;
+    Q_EMIT volunteered(wire::makePacket(QByteArray("*>LOG") + *record));
+    return true;
+}
+
 void Terminal::powerUp()
 {
+    _has_heard = false;
     _mask = _settings.mask;
     _transfers.forget();
     _on_bus = true;
@@ -139,6 +164,15 @@ QString Terminal::faultOf(const Command *command, QByteArrayView body)
 
 void Terminal::handlePacket(const QByteArray &packet)
 {
+    const bool isDropPoint = ++_packet_count == _settings.drop.packet;
+    if (!isDropPoint || _settings.drop.afterAnswer)
+        handleRequest(packet);
+    if (isDropPoint && _on_bus)
+        dropOff();
+}
+
+void Terminal::handleRequest(const QByteArray &packet)
+{
     const QByteArray body = packet.sliced(wire::headerSize);
     const Command *command = findCommand(body);
     if (const QString fault = faultOf(command, body); !fault.isEmpty()) {
@@ -162,23 +196,62 @@ void Terminal::serve(const Command &command, const QByteArray &packet)
     const Reply reply = replyTo(command, number, packet.sliced(wire::headerSize + wire::keyOffset + key.size()));
     if (!reply.complaint.isEmpty())
         Q_EMIT malformedReceived(reply.complaint, packet);
-    if (_settings.foreignAnswers.contains(number) && reply.payload && reply.payload->size() > answeredKindOffset)
-        Q_EMIT volunteered(command.answer(foreignAnswer(*reply.payload)));
     if (reply.payload)
-        Q_EMIT answered(command.answer(*reply.payload));
+        sendAnswer(command, number, *reply.payload);
     if (reply.restarts)
-        dropOff();
+        restart(reply.payload.has_value());
 }
 
 Reply Terminal::replyTo(const Command &command, const RequestNumber &number, const QByteArray &payload)
 {
     if (const auto fixed = _settings.fixedAnswers.constFind(number.first); fixed != _settings.fixedAnswers.cend())
         return {*fixed, {}};
-    if (const auto status = _settings.statuses.constFind(number); status != _settings.statuses.cend()) {
-        _transfers.forget();
-        return {FileTransfers::refusal(*status, static_cast<quint8>(payload.front())), {}};
-    }
+    if (const auto status = _settings.statuses.constFind(number); status != _settings.statuses.cend())
+        return refuse(*status, payload);
+    if (command.isAboutFile && _dice.oneIn(_settings.errorRate))
+        return refuse(static_cast<quint8>(1 + _dice.below(largestRandomStatus)), payload);
     return (this->*command.handle)(payload);
+}
+
+Reply Terminal::refuse(quint8 status, const QByteArray &payload)
+{
+    _transfers.forget();
+    return {FileTransfers::refusal(status, static_cast<quint8>(payload.front())), {}};
+}
+
+void Terminal::sendAnswer(const Command &command, const RequestNumber &number, const QByteArray &payload)
+{
+    if (precedesWithForeign(command, number) && payload.size() > answeredKindOffset)
+        Q_EMIT volunteered(command.answer(foreignAnswer(payload)));
+    if (_settings.logsAlways)
+        sendLogRecord();
+    Q_EMIT answered(command.answer(payload));
+    if (_settings.logsAlways)
+        sendLogRecord();
+}
+
+bool Terminal::precedesWithForeign(const Command &command, const RequestNumber &number)
+{
+    return _settings.foreignAnswers.contains(number) || (command.isAboutFile && _dice.oneIn(_settings.foreignRate));
+}
+
+quint32 Terminal::effectiveMask() const
+{
+    constexpr quint32 everyLog = 0xFFFFFFFF;
+    if (_settings.logsAlways)
+        return _has_heard ? everyLog : 0;
+    return _mask;
+}
+
+/// A terminal that installs firmware without an answer is deaf for a while before it drops off.
+void Terminal::restart(bool hasAnswered)
+{
+    if (hasAnswered) {
+        dropOff();
+        return;
+    }
+    _on_bus = false;
+    QTimer::singleShot(installTime, this, &Terminal::dropOff);
 }
 
 void Terminal::dropOff()
@@ -231,6 +304,6 @@ Reply Terminal::setLogMask(const QByteArray &payload)
 {
     _mask = wire::read<quint32>(payload, 0);
     QByteArray answer;
-    wire::append(answer, _mask);
+    wire::append(answer, _settings.reportedMask.value_or(_mask));
     return {answer, {}};
 }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "dice.h"
 #include "filetransfers.h"
+#include "logsource.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -13,6 +15,12 @@
 /// The requests of one key are numbered from 1 on, over restarts.
 using RequestNumber = std::pair<QByteArray, int>;
 
+/// A moment at which the terminal drops off the bus.
+struct DropPoint {
+    int packet = 0;           ///< on the packet of this number, counted from 1 on over restarts; 0: never
+    bool afterAnswer = false; ///< whether that packet is answered first
+};
+
 /// Who the terminal says it is and how it behaves.
 struct TerminalSettings {
     QString name = QStringLiteral("JVX terminal");
@@ -23,6 +31,9 @@ struct TerminalSettings {
     QString imei = QStringLiteral("350000000000017");
     quint32 mask = 0; ///< log mask in force after power-up
 
+    std::optional<quint32> reportedMask; ///< told in the answer to a log mask, in place of the one in force
+    LogSettings log;
+    bool logsAlways = false; ///< send the log irrespective of the mask, and around every answer
     TransferSettings transfers;
 
     QHash<QByteArray, QByteArray> fixedAnswers; ///< payload to answer a key with, in place of the true one
@@ -31,7 +42,12 @@ struct TerminalSettings {
     QHash<RequestNumber, quint8> statuses;      ///< requests for files to refuse, with the status to give
     QSet<RequestNumber> foreignAnswers;         ///< answers to precede with one for another kind of file
 
-    bool restartsBeforeFirmwareAnswer = false; ///< restart in place of answering the apply of firmware
+    quint32 seed = 1;    ///< of the rates below
+    int errorRate = 0;   ///< one in N requests for files is refused; 0: none
+    int foreignRate = 0; ///< one in N answers about files is preceded by a foreign one; 0: none
+
+    DropPoint drop;
+    bool restartsBeforeFirmwareAnswer = false; ///< answer the apply of firmware only by a restart, 1 s later
     QByteArray lastBytes;                      ///< sent just before dropping off the bus
 };
 
@@ -53,6 +69,10 @@ public:
 
     /// The line is gone or the run ends: reports bytes of a packet that never became complete.
     void loseLine();
+
+    /// Sends the next record of the log. Returns false when none is due: the mask lets none through, all have been sent
+    /// or the terminal is off the bus.
+    bool sendLogRecord();
 
     /// Comes back on the bus as after power-up: the log mask is the initial one, transfers are forgotten.
     void powerUp();
@@ -76,8 +96,14 @@ private:
     static QString faultOf(const Command *command, QByteArrayView body);
 
     void handlePacket(const QByteArray &packet);
+    void handleRequest(const QByteArray &packet);
     void serve(const Command &command, const QByteArray &packet);
     Reply replyTo(const Command &command, const RequestNumber &number, const QByteArray &payload);
+    void sendAnswer(const Command &command, const RequestNumber &number, const QByteArray &payload);
+    bool precedesWithForeign(const Command &command, const RequestNumber &number);
+    [[nodiscard]] quint32 effectiveMask() const;
+    Reply refuse(quint8 status, const QByteArray &payload);
+    void restart(bool hasAnswered);
     void dropOff();
 
     Reply softwareVersion(const QByteArray &payload);
@@ -90,8 +116,12 @@ private:
 
     const TerminalSettings _settings;
     FileTransfers _transfers;
+    LogSource _log;
+    Dice _dice;
+    int _packet_count = 0;
     QHash<QByteArray, int> _request_counts;
     QByteArray _stream;
     quint32 _mask;
     bool _on_bus = true;
+    bool _has_heard = false; ///< whether any byte came in since power-up
 };

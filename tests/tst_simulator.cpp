@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <chrono>
+
 // The packets below were written out by a Python script: struct.pack for the integers, a loop for the exclusive or.
 
 namespace {
@@ -35,6 +37,12 @@ const QByteArray writeKeys
 const QByteArray keysWritten = QByteArray::fromHex("404a56580100000000000000100090852a404657310201c3b2a1000000000900");
 const QByteArray applyKeys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
 const QByteArray keysApplied = QByteArray::fromHex("404a565801000000000000000a004a452a404655310200000000");
+
+const QByteArray setMask0 = QByteArray::fromHex("404a5658000000000100000009004f432a214c4f4700000000");
+const QByteArray firstLogRecord = QByteArray::fromHex("404a565801000000000000001d0098802a3e4c4f470e00f1536500000123"
+                                                      "302069676e6974696f6e206f6e0d0a");
+const QByteArray secondLogRecord = QByteArray::fromHex("404a56580100000000000000250040602a3e4c4f470e00f15365f4010223"
+                                                       "3120737570706c7920766f6c746167652031322e362056");
 
 /// A terminal and everything that it emitted.
 struct Bench {
@@ -113,7 +121,18 @@ private Q_SLOTS:
     void aTerminalMayRestartBeforeItAnswersFirmware();
     void theLastBytesComeBeforeTheDrop();
 
+    void theLogFollowsTheMask();
+    void theMaskInForceComesBackAfterARestart();
+    void theReportedMaskCanBeAnother();
+    void theLogCanBeGluedAroundAnswers();
+
+    void aTerminalMayDropOffAtAnyPacket_data();
+    void aTerminalMayDropOffAtAnyPacket();
+    void oneInNFileRequestsIsRefused();
+    void oneInNFileAnswersIsPrecededByAForeignOne();
+
     void optionsReachTheTerminal();
+    void faultOptionsReachTheLine();
     void aBadCommandLineIsRefused_data();
     void aBadCommandLineIsRefused();
 };
@@ -328,7 +347,10 @@ void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
     bench.terminal.receive(forKind(writeKeys, kind));
     bench.terminal.receive(forKind(applyKeys, kind));
     QCOMPARE(bench.answered.count(), answers);
-    QCOMPARE(bench.droppedOff.count(), 1);
+    QCOMPARE(bench.droppedOff.count(), answers - 1); // unanswered, it takes a second to install first
+    bench.terminal.receive(askSerialNumber);
+    QTRY_COMPARE(bench.droppedOff.count(), 1);
+    QCOMPARE(bench.answered.count(), answers);
 }
 
 void SimulatorTest::theLastBytesComeBeforeTheDrop()
@@ -342,6 +364,136 @@ void SimulatorTest::theLastBytesComeBeforeTheDrop()
     QCOMPARE(bench.droppedOff.count(), 1);
 }
 
+void SimulatorTest::theLogFollowsTheMask()
+{
+    TerminalSettings settings;
+    settings.log.start = 1700000000;
+    settings.log.period = std::chrono::milliseconds(500);
+    Bench bench(settings);
+    QVERIFY(!bench.terminal.sendLogRecord());
+    bench.terminal.receive(setMask4000);
+    QVERIFY(bench.terminal.sendLogRecord());
+    QVERIFY(bench.terminal.sendLogRecord());
+    QCOMPARE(Bench::joined(bench.volunteered), firstLogRecord + secondLogRecord);
+    bench.terminal.receive(setMask0);
+    QVERIFY(!bench.terminal.sendLogRecord());
+}
+
+void SimulatorTest::theMaskInForceComesBackAfterARestart()
+{
+    TerminalSettings settings;
+    settings.vanishingKeys = {QByteArray("S")};
+    Bench bench(settings);
+    bench.terminal.receive(setMask4000);
+    QVERIFY(bench.terminal.sendLogRecord());
+    bench.terminal.receive(askSerialNumber);
+    QVERIFY(!bench.terminal.sendLogRecord());
+    bench.terminal.powerUp();
+    QVERIFY(!bench.terminal.sendLogRecord());
+}
+
+void SimulatorTest::theReportedMaskCanBeAnother()
+{
+    TerminalSettings settings;
+    settings.reportedMask = 0x12345678;
+    Bench bench(settings);
+    bench.terminal.receive(setMask4000);
+    QCOMPARE(bench.answers(), QByteArray::fromHex("404a565801000000000000000900262a2a404c4f4778563412"));
+    QVERIFY(bench.terminal.sendLogRecord());
+}
+
+void SimulatorTest::theLogCanBeGluedAroundAnswers()
+{
+    TerminalSettings settings;
+    settings.log.start = 1700000000;
+    settings.log.period = std::chrono::milliseconds(500);
+    settings.logsAlways = true;
+    Terminal terminal(settings);
+    QByteArray sent;
+    connect(&terminal, &Terminal::volunteered, &terminal, [&sent](const QByteArray &bytes) { sent.append(bytes); });
+    connect(&terminal, &Terminal::answered, &terminal, [&sent](const QByteArray &packet) { sent.append(packet); });
+    QVERIFY(!terminal.sendLogRecord());
+    terminal.receive(askSerialNumber);
+    QCOMPARE(sent, firstLogRecord + serialNumber + secondLogRecord);
+    QVERIFY(terminal.sendLogRecord());
+}
+
+void SimulatorTest::aTerminalMayDropOffAtAnyPacket_data()
+{
+    QTest::addColumn<bool>("afterAnswer");
+    QTest::newRow("before its answer") << false;
+    QTest::newRow("after its answer") << true;
+}
+
+void SimulatorTest::aTerminalMayDropOffAtAnyPacket()
+{
+    QFETCH(const bool, afterAnswer);
+    TerminalSettings settings;
+    settings.drop = {2, afterAnswer};
+    Bench bench(settings);
+    bench.terminal.receive(askHardwareVersion + askSerialNumber + askSoftwareVersion);
+    QCOMPARE(bench.answers(), afterAnswer ? hardwareVersion + serialNumber : hardwareVersion);
+    QCOMPARE(bench.droppedOff.count(), 1);
+    bench.terminal.powerUp();
+    bench.terminal.receive(askSerialNumber + askSerialNumber);
+    QCOMPARE(bench.droppedOff.count(), 1);
+    QCOMPARE(bench.complaints(), QStringList());
+}
+
+void SimulatorTest::oneInNFileRequestsIsRefused()
+{
+    TerminalSettings settings;
+    settings.errorRate = 4;
+    Bench bench(settings);
+    for (int i = 0; i < 400; ++i)
+        bench.terminal.receive(writeKeys + askSerialNumber);
+    QCOMPARE(bench.answered.count(), 800);
+    const QByteArray answers = bench.answers();
+    QCOMPARE(answers.count(serialNumber), 400);
+    const qsizetype accepted = answers.count("@FW1\x02");
+    QVERIFY2(accepted > 250 && accepted < 350, qPrintable(QString::number(accepted)));
+    QCOMPARE(bench.complaints(), QStringList());
+}
+
+void SimulatorTest::oneInNFileAnswersIsPrecededByAForeignOne()
+{
+    TerminalSettings settings;
+    settings.foreignRate = 4;
+    Bench bench(settings);
+    for (int i = 0; i < 400; ++i)
+        bench.terminal.receive(writeKeys + askSerialNumber);
+    QCOMPARE(bench.answered.count(), 800);
+    const qsizetype foreign = bench.volunteered.count();
+    QVERIFY2(foreign > 50 && foreign < 150, qPrintable(QString::number(foreign)));
+    QCOMPARE(Bench::joined(bench.volunteered).count("@FW1\x03"), foreign);
+}
+
+void SimulatorTest::faultOptionsReachTheLine()
+{
+    const Options options = parsed({QStringLiteral("--seed=5"), QStringLiteral("--latency=20"),
+        QStringLiteral("--split=random"), QStringLiteral("--garbage=6"), QStringLiteral("--damage-header=7"),
+        QStringLiteral("--damage-body=8"), QStringLiteral("--lose=9"), QStringLiteral("--duplicate=10"),
+        QStringLiteral("--late=11:1200"), QStringLiteral("--foreign-rate=12"), QStringLiteral("--error-rate=13"),
+        QStringLiteral("--drop-at=14:after")});
+    QCOMPARE(options.faults.seed, 5U);
+    QCOMPARE(options.faults.latency.count(), 20);
+    QVERIFY(options.faults.splitsAtRandom);
+    QCOMPARE(options.faults.garbage, 6);
+    QCOMPARE(options.faults.damagedHeaders, 7);
+    QCOMPARE(options.faults.damagedBodies, 8);
+    QCOMPARE(options.faults.lost, 9);
+    QCOMPARE(options.faults.duplicated, 10);
+    QCOMPARE(options.faults.late, 11);
+    QCOMPARE(options.faults.lateness.count(), 1200);
+    QCOMPARE(options.terminal.foreignRate, 12);
+    QCOMPARE(options.terminal.errorRate, 13);
+    QCOMPARE(options.terminal.drop.packet, 14);
+    QVERIFY(options.terminal.drop.afterAnswer);
+    QCOMPARE(parsed({QStringLiteral("--split=every")}).faults.splitSize, 1);
+    QCOMPARE(parsed({QStringLiteral("--split=3")}).faults.splitSize, 3);
+    QVERIFY(!parsed({QStringLiteral("--drop-at=1")}).terminal.drop.afterAnswer);
+}
+
 void SimulatorTest::optionsReachTheTerminal()
 {
     const Options options = parsed({QStringLiteral("--name=Ä"), QStringLiteral("--bhr=0102030405060708"),
@@ -349,7 +501,9 @@ void SimulatorTest::optionsReachTheTerminal()
         QStringLiteral("--vanish=H"), QStringLiteral("--restart=0.25"), QStringLiteral("--no-return"),
         QStringLiteral("--accept=0"), QStringLiteral("--piece=65000"), QStringLiteral("--announce=4294967295"),
         QStringLiteral("--status=FR:3=30"), QStringLiteral("--foreign=FU:1"), QStringLiteral("--restart-junk=4a4A"),
-        QStringLiteral("--restart-before-answer"), QStringLiteral("--files=/")});
+        QStringLiteral("--restart-before-answer"), QStringLiteral("--files=/"), QStringLiteral("--mask-reply=0"),
+        QStringLiteral("--log-rate=2.5"), QStringLiteral("--log-count=7"), QStringLiteral("--log-start=4294967295"),
+        QStringLiteral("--log-always")});
     QCOMPARE(options.link, QStringLiteral("port"));
     QCOMPARE(options.terminal.name, QStringLiteral("Ä"));
     QCOMPARE(options.terminal.bhr, quint64{0x0102030405060708});
@@ -366,6 +520,11 @@ void SimulatorTest::optionsReachTheTerminal()
     QCOMPARE(options.terminal.statuses.value({QByteArray("FR"), 3}), quint8{0x30});
     QVERIFY(options.terminal.foreignAnswers.contains({QByteArray("FU"), 1}));
     QCOMPARE(options.terminal.lastBytes, QByteArray("JJ"));
+    QCOMPARE(options.terminal.reportedMask, 0U);
+    QCOMPARE(options.terminal.log.period, std::chrono::milliseconds(400));
+    QCOMPARE(options.terminal.log.count, 7);
+    QCOMPARE(options.terminal.log.start, 0xFFFFFFFFU);
+    QVERIFY(options.terminal.logsAlways);
     QVERIFY(options.terminal.restartsBeforeFirmwareAnswer);
 }
 
@@ -376,14 +535,18 @@ void SimulatorTest::aBadCommandLineIsRefused_data()
         {"--nonsense", "stray", "--link=", "--bhr=xyz", "--mask=100000000", "--answer=V", "--answer=V=0",
             "--answer=V=0g", "--answer=X=00", "--silent=X", "--vanish=", "--restart=-1", "--restart=nan",
             "--accept=513", "--accept=-1", "--piece=65001", "--announce=4294967296", "--status=FR:0=30",
-            "--status=FR:1=3031", "--status=V:1=30", "--foreign=LOG:1", "--foreign=FR", "--files=/nowhere"})
+            "--status=FR:1=3031", "--status=V:1=30", "--foreign=LOG:1", "--foreign=FR", "--files=/nowhere",
+            "--log=/nowhere", "--log-rate=0", "--log-rate=MAX", "--log-count=-1", "--log-start=4294967296",
+            "--mask-reply=", "--seed=-1", "--latency=x", "--split=0", "--split=all", "--garbage=0", "--damage-header=0",
+            "--damage-body=0", "--lose=0", "--duplicate=0", "--late=1", "--late=1:-1", "--foreign-rate=0",
+            "--error-rate=0", "--drop-at=0", "--drop-at=1:never", "--drop-at=1:before:after"})
         QTest::newRow(argument) << QStringList{QString::fromLatin1(argument)};
 }
 
 void SimulatorTest::aBadCommandLineIsRefused()
 {
     QFETCH(const QStringList, arguments);
-    QVERIFY_EXCEPTION_THROWN(parsed(arguments), UsageError);
+    QVERIFY_THROWS_EXCEPTION(UsageError, parsed(arguments));
 }
 
 QTEST_GUILESS_MAIN(SimulatorTest)

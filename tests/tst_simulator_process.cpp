@@ -1,4 +1,5 @@
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
@@ -77,6 +78,10 @@ private Q_SLOTS:
     void aVanishedTerminalComesBackUnderTheSameName();
     void aTerminalMayStayAway();
     void theAnswerToAnApplyIsNotLostInTheRestart();
+    void aDelayedSplitAnswerArrivesBeforeTheDrop();
+    void theLogAtFullSpeedLosesNothing();
+    void theLogKeepsItsRate();
+    void recordsAreGluedAroundAnAnswer();
 
 private:
     void start(const QStringList &arguments = {});
@@ -245,6 +250,70 @@ void SimulatorProcessTest::theAnswerToAnApplyIsNotLostInTheRestart()
     QFile file(_directory->filePath(QStringLiteral("keys")));
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readAll(), QByteArray("123456789"));
+}
+
+void SimulatorProcessTest::aDelayedSplitAnswerArrivesBeforeTheDrop()
+{
+    start({QStringLiteral("--drop-at=1:after"), QStringLiteral("--no-return"), QStringLiteral("--latency=100"),
+        QStringLiteral("--split=every")});
+    const Port port(_link);
+    port.write(askSerialNumber);
+    QCOMPARE(port.read(serialNumber.size()), serialNumber);
+    QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n"), patience);
+}
+
+void SimulatorProcessTest::theLogAtFullSpeedLosesNothing()
+{
+    constexpr int count = 5000;
+    QFile texts(_directory->filePath(QStringLiteral("texts")));
+    QVERIFY(texts.open(QIODevice::WriteOnly));
+    QByteArray expected;
+    for (int i = 0; i < count; ++i) {
+        const QByteArray text = "text " + QByteArray::number(i);
+        texts.write(text + '\n');
+        expected += text + '|';
+    }
+    texts.close();
+
+    start({QStringLiteral("--mask=4000"), QStringLiteral("--log"), texts.fileName(), QStringLiteral("--log-rate=max")});
+    const Port port(_link);
+    QTest::qWait(200);                         // the line fills up
+    constexpr qsizetype overhead = 16 + 5 + 8; // packet header, "*>LOG", record header
+    const QByteArray bytes = port.read(count * (overhead - 1) + expected.size());
+    QByteArray received;
+    for (qsizetype at = 0; at + overhead <= bytes.size();) {
+        const qsizetype end = at + 16 + static_cast<quint8>(bytes[at + 12]);
+        received += bytes.sliced(at + overhead, end - at - overhead) + '|';
+        at = end;
+    }
+    QCOMPARE(received.size(), expected.size());
+    QVERIFY(received == expected);
+}
+
+void SimulatorProcessTest::theLogKeepsItsRate()
+{
+    start({QStringLiteral("--mask=8"), QStringLiteral("--log-rate=200")});
+    const Port port(_link);
+    constexpr qsizetype recordSize = 16 + 5 + 8 + 6;
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(port.read(100 * recordSize).size() / recordSize, 100);
+    QVERIFY2(timer.elapsed() > 350, qPrintable(QString::number(timer.elapsed())));
+}
+
+void SimulatorProcessTest::recordsAreGluedAroundAnAnswer()
+{
+    start({QStringLiteral("--log-always")});
+    const Port port(_link);
+    port.write(askSerialNumber);
+    constexpr qsizetype overhead = 16 + 5 + 8; // packet header, "*>LOG", record header
+    const QByteArray first = "#0 ignition on\r\n";
+    const QByteArray second = "#1 supply voltage 12.6 V";
+    const qsizetype size = overhead + first.size() + serialNumber.size() + overhead + second.size();
+    const QByteArray bytes = port.read(size);
+    QCOMPARE(bytes.size(), size);
+    QVERIFY(bytes.contains(first + serialNumber));
+    QVERIFY(bytes.endsWith(second));
 }
 
 QTEST_GUILESS_MAIN(SimulatorProcessTest)
