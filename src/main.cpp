@@ -24,17 +24,27 @@ enum ExitCode : int {
 constexpr File default_kind = File::UserFirmware;
 constexpr quint32 default_log_mask = 0x4000;
 
-/// Where no display is, runs without a window rather than not at all; a platform plugin that the user named stands.
-/// X11 and Wayland announce a display in the environment, other systems always have one.
+/// The platform plugins to try in turn: the framework's own choice for the display that the environment announces, then
+/// one without windows. A display that is announced may be gone, as in a session that outlived its login.
+QByteArray platforms()
+{
+    QByteArrayList names;
+    if (qEnvironmentVariableIsSet("DISPLAY"))
+        names += "xcb";
+    if (qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland")
+        names.insert(qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome") ? names.size() : 0, "wayland");
+    names += "minimal";
+    return names.join(';');
+}
+
+/// Where no display is, lets the tool run without windows rather than not at all. A platform plugin that the user named
+/// stands, and so does the only one of systems that always have a display.
 void tolerateMissingDisplay()
 {
     const QString kernel = QSysInfo::kernelType();
-    const bool has_display = kernel == QLatin1String("winnt") || kernel == QLatin1String("darwin")
-        || qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland";
-    if (has_display || qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
-        return;
-    // A display that is announced may be gone, as in a session that outlived its login.
-    qputenv("QT_QPA_PLATFORM", qEnvironmentVariableIsSet("DISPLAY") ? "xcb;minimal" : "minimal");
+    const bool has_display = kernel == QLatin1String("winnt") || kernel == QLatin1String("darwin");
+    if (!has_display && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", platforms());
 }
 
 QtMessageHandler default_message_handler = nullptr;
