@@ -1,0 +1,417 @@
+#include <QDir>
+#include <QFile>
+#include <QMap>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QSerialPortInfo>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int patience = 30000; // ms; every run here ends at once unless it hangs
+
+/// Environment variables to set, or to remove where the value is null.
+using Changes = QMap<QString, QString>;
+
+/// What a shell sees of a run. Exit codes are unsigned there: 155 is -101; here -1 stands for a crash or a hang.
+struct Run {
+    int code;
+    QByteArray output;
+    QByteArray error;
+
+    bool operator==(const Run &) const = default;
+};
+
+char *toString(const Run &run)
+{
+    return qstrdup(QByteArray::number(run.code) + ", output \"" + run.output + "\", error \"" + run.error + '"');
+}
+
+/// A run that ends with \a code and has nothing to say but \a output.
+Run exits(int code, const QByteArray &output)
+{
+    return {code, output, {}};
+}
+
+QProcessEnvironment environment(const Changes &changes)
+{
+    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE", "QT_QPA_PLATFORM", "LANGUAGE"})
+        variables.remove(QString::fromLatin1(name));
+    variables.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    for (auto change = changes.cbegin(); change != changes.cend(); ++change) {
+        if (change->isNull())
+            variables.remove(change.key());
+        else
+            variables.insert(change.key(), *change);
+    }
+    return variables;
+}
+
+/// Runs the tool, without a display unless \a changes name one.
+Run run(const QStringList &arguments, const Changes &changes = {})
+{
+    QProcess tool;
+    tool.setProcessEnvironment(environment(changes));
+    tool.setStandardInputFile(QProcess::nullDevice());
+    tool.start(QStringLiteral(JVX_LOADER), arguments);
+    const bool finished = tool.waitForFinished(patience) && tool.exitStatus() == QProcess::NormalExit;
+    return {finished ? tool.exitCode() : -1, tool.readAllStandardOutput(), tool.readAllStandardError()};
+}
+
+QStringList words(const char *line)
+{
+    return QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+/// A row that is named after its command line, in which '' stands for an empty argument.
+QTestData &commandLine(const char *line)
+{
+    return QTest::newRow(line) << words(line).replaceInStrings(QStringLiteral("''"), QString());
+}
+
+void commandLineRows(std::initializer_list<const char *> lines)
+{
+    QTest::addColumn<QStringList>("arguments");
+    for (const char *line : lines)
+        commandLine(line);
+}
+
+/// With a real terminal on this machine a search would find it, and the tool would talk to it.
+bool terminalIsConnected()
+{
+    const QList<QSerialPortInfo> ports = QSerialPortInfo::availablePorts();
+    return std::any_of(ports.cbegin(), ports.cend(), [](const QSerialPortInfo &port) {
+        return port.vendorIdentifier() == 0x03EB && port.productIdentifier() == 0x6124;
+    });
+}
+
+const QByteArray cannotOpen = QByteArrayLiteral("Failed to open serial port nosuchport: No such file or directory\n");
+
+} // namespace
+
+class CommandLineTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void aTransferNeedsAFileName_data();
+    void aTransferNeedsAFileName();
+    void anUnknownKindIsRefused_data();
+    void anUnknownKindIsRefused();
+    void aKnownKindPasses_data();
+    void aKnownKindPasses();
+    void withoutAPortNothingStarts_data();
+    void withoutAPortNothingStarts();
+    void anEmptyPortIsNoPort_data();
+    void anEmptyPortIsNoPort();
+    void anInvalidLogMaskIsRefused_data();
+    void anInvalidLogMaskIsRefused();
+    void aValidLogMaskPasses_data();
+    void aValidLogMaskPasses();
+    void aPortThatDoesNotExistIsReported_data();
+    void aPortThatDoesNotExistIsReported();
+    void theFirstFailureDecides_data();
+    void theFirstFailureDecides();
+    void furtherArgumentsAreIgnored_data();
+    void furtherArgumentsAreIgnored();
+    void aLocalFileIsLeftAloneWhenThePortDoesNotOpen_data();
+    void aLocalFileIsLeftAloneWhenThePortDoesNotOpen();
+    void theVersionIsShown_data();
+    void theVersionIsShown();
+    void theHelpIsShown_data();
+    void theHelpIsShown();
+    void theHelpHoldsEveryLineInOrder();
+    void aMisuseIsExplainedOnStandardError_data();
+    void aMisuseIsExplainedOnStandardError();
+    void theSurroundingsMakeNoDifference_data();
+    void theSurroundingsMakeNoDifference();
+    void aFullDiskBehindTheOutputIsIgnored();
+};
+
+void CommandLineTest::aTransferNeedsAFileName_data()
+{
+    commandLineRows({"-r", "-w", "-r -w", "-rw", "--read", "--write", "-r -p nosuchport", "-r -f nokey", "-w -f 12",
+        "-w -a", "-r -m", "-r -p ''", "-r -l xyz"});
+}
+
+void CommandLineTest::aTransferNeedsAFileName()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments), exits(155, "File name not specified\n"));
+}
+
+void CommandLineTest::anUnknownKindIsRefused_data()
+{
+    commandLineRows({"-f 12", "-f 100", "-f 255", "-f nokey", "-f Settings", "-f unknown", "-f Unknown", "-f ''",
+        "-f -1", "-f -0", "-f 0x1", "-f 1.0", "-f 4294967295", "-f 4294967296", "--file=12", "--file=", "--file nokey",
+        "-r file -f 12", "-w file -f nokey", "-a -f 12"});
+}
+
+void CommandLineTest::anUnknownKindIsRefused()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(154, "Selected unknown file\n"));
+}
+
+void CommandLineTest::aKnownKindPasses_data()
+{
+    commandLineRows({"-f 0", "-f 11", "-f 256", "-f 267", "-f settings", "-f user-firmware", "-f road-acc",
+        "--file=epo", "--file 10", "-r file -f 256", "-a -f 1"});
+}
+
+void CommandLineTest::aKnownKindPasses()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannotOpen));
+}
+
+void CommandLineTest::withoutAPortNothingStarts_data()
+{
+    commandLineRows({"", "-a", "-m", "-l 4000", "-l xyz", "-l 80000000", "-f 256", "-f 0 -a", "file", "-r file",
+        "-w file", "-w file -a -m"});
+}
+
+void CommandLineTest::withoutAPortNothingStarts()
+{
+    QFETCH(QStringList, arguments);
+    if (terminalIsConnected())
+        QSKIP("A terminal is connected");
+    QCOMPARE(run(arguments), exits(153, "Serial port is not selected\n"));
+}
+
+void CommandLineTest::anEmptyPortIsNoPort_data()
+{
+    commandLineRows({"-p ''", "--port ''", "--port=", "--port= -l xyz", "-p '' -r file", "-p '' -f 256"});
+}
+
+void CommandLineTest::anEmptyPortIsNoPort()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments), exits(153, "Serial port is not selected\n"));
+}
+
+void CommandLineTest::anInvalidLogMaskIsRefused_data()
+{
+    commandLineRows({"-l 80000000", "-l FFFFFFFF", "-l 100000000", "-l -80000001", "-l xyz", "-l 4000h", "-l 40.0",
+        "-l ''", "-l -", "-l 0x", "--log=", "--log=ffffffff", "--log G", "-m -l xyz", "-r file -l xyz"});
+}
+
+void CommandLineTest::anInvalidLogMaskIsRefused()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(150, "Invalid log mask\n"));
+}
+
+void CommandLineTest::aValidLogMaskPasses_data()
+{
+    commandLineRows({"-l 0", "-l 4000", "-l 7FFFFFFF", "-l 7fffffff", "-l -1", "-l -80000000", "--log=-1", "--log 4000",
+        "-m -l ff"});
+}
+
+void CommandLineTest::aValidLogMaskPasses()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannotOpen));
+}
+
+void CommandLineTest::aPortThatDoesNotExistIsReported_data()
+{
+    QTest::addColumn<QString>("port");
+    for (const char *port : {"nosuchport", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
+        QTest::newRow(port) << QString::fromUtf8(port);
+}
+
+void CommandLineTest::aPortThatDoesNotExistIsReported()
+{
+    QFETCH(QString, port);
+    const QByteArray message = "Failed to open serial port " + port.toUtf8() + ": No such file or directory\n";
+    QCOMPARE(run({QStringLiteral("-p"), port}), exits(151, message));
+    QCOMPARE(run({QStringLiteral("--port=") + port}), exits(151, message));
+}
+
+void CommandLineTest::theFirstFailureDecides_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("code");
+    commandLine("-l xyz -p '' -f nokey -r") << 155;
+    commandLine("-l xyz -p '' -f nokey") << 154;
+    commandLine("-l xyz -p '' -f nokey file -w") << 154;
+    commandLine("-l xyz -p ''") << 153;
+    commandLine("-l xyz -p nosuchport") << 150;
+    commandLine("-l 4000 -p nosuchport") << 151;
+}
+
+void CommandLineTest::theFirstFailureDecides()
+{
+    QFETCH(QStringList, arguments);
+    const Run result = run(arguments);
+    QTEST(result.code, "code");
+    QCOMPARE(result.output.count('\n'), 1);
+    QCOMPARE(result.error, QByteArray());
+}
+
+void CommandLineTest::furtherArgumentsAreIgnored_data()
+{
+    commandLineRows(
+        {"file", "one two three", "-r one two three", "-w one two", "-r -w one two", "-r -- -f", "-- -r -w"});
+}
+
+void CommandLineTest::furtherArgumentsAreIgnored()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(words("-p nosuchport") + arguments), exits(151, cannotOpen));
+}
+
+void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen_data()
+{
+    commandLineRows({"-r", "-w", "-r -w", "-w -a"});
+}
+
+void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen()
+{
+    QFETCH(QStringList, arguments);
+    const QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("file"));
+    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannotOpen));
+    QVERIFY(QDir(directory.path()).isEmpty());
+
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    file.write("kept");
+    QVERIFY(file.flush());
+    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannotOpen));
+    QVERIFY(file.seek(0));
+    QCOMPARE(file.readAll(), QByteArrayLiteral("kept"));
+}
+
+void CommandLineTest::theVersionIsShown_data()
+{
+    commandLineRows({"-v", "--version", "-v -r", "--version -f nokey", "file -v -p ''"});
+}
+
+void CommandLineTest::theVersionIsShown()
+{
+    QFETCH(QStringList, arguments);
+    QCOMPARE(run(arguments), exits(0, "JVX file loader 0.0.8\n"));
+}
+
+void CommandLineTest::theHelpIsShown_data()
+{
+    commandLineRows({"-h", "--help", "-h -r", "--help -f nokey", "file -h -p ''"});
+}
+
+void CommandLineTest::theHelpIsShown()
+{
+    QFETCH(QStringList, arguments);
+    const Run result = run(arguments);
+    QCOMPARE(result.code, 0);
+    QCOMPARE(result.error, QByteArray());
+    QVERIFY(result.output.startsWith("Usage: "));
+    QVERIFY(result.output.contains(" [options] file\nJVX file loader\n"));
+}
+
+void CommandLineTest::theHelpHoldsEveryLineInOrder()
+{
+    const QString help = QString::fromLocal8Bit(run(words("--help")).output);
+    qsizetype from = 0;
+    // The framework breaks a line that is too long, as that of kind 8.
+    for (const char *line :
+        {"\n  -h, --help ", "\n  -v, --version ", "\n  -f, --file <type>  File type:\n",
+            " 0 | settings        Settings\n", " 1 | firmware        Firmware\n", " 2 | keys            Keys\n",
+            " 3 | road-acc        Road accident\n", " 4 | can-decode      Can decode\n",
+            " 5 | tachograph-ddd  Tachograph DDD\n", " 6 | fls-firmware    Firmware of fuel level sensor\n",
+            " 7 | complexevents   ComplexEvents program\n", " 8 | fls-archive     Archive of fuel level sensor\n",
+            " (Escort)\n", " 9 | can-scripts     Can scripts\n", " 10 | epo            EPO file\n",
+            " 11 | user-firmware  User firmware\n", "\n  -r, --read         Read\n", "\n  -w, --write        Write\n",
+            "\n  -p, --port <name>  Serial port\n", "\n  -a, --apply        Apply the written file\n",
+            "\n  -m, --monitor      Monitoring device log\n",
+            "\n  -l, --log <mask>   Enable/disable log (mask in HEX)\n", "\n  file               Read/write file.\n"}) {
+        const qsizetype at = help.indexOf(QString::fromLatin1(line), from);
+        QVERIFY2(at >= 0, line);
+        from = at + 1;
+    }
+}
+
+void CommandLineTest::aMisuseIsExplainedOnStandardError_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("named");
+    commandLine("--nosuchoption") << QByteArrayLiteral("nosuchoption");
+    commandLine("-x") << QByteArrayLiteral("x");
+    commandLine("-r file -x") << QByteArrayLiteral("x");
+    commandLine("-f") << QByteArrayLiteral("-f");
+    commandLine("--file") << QByteArrayLiteral("--file");
+    commandLine("-p") << QByteArrayLiteral("-p");
+    commandLine("-l") << QByteArrayLiteral("-l");
+    commandLine("-r -p") << QByteArrayLiteral("-p");
+}
+
+void CommandLineTest::aMisuseIsExplainedOnStandardError()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, named);
+    const Run result = run(arguments);
+    QCOMPARE(result.code, 1);
+    QCOMPARE(result.output, QByteArray());
+    QVERIFY2(result.error.contains(named), result.error.constData());
+}
+
+void CommandLineTest::theSurroundingsMakeNoDifference_data()
+{
+    QTest::addColumn<Changes>("changes");
+    const QString display = QStringLiteral("DISPLAY");
+    const QString dead = QStringLiteral(":77");
+    const QString locale = QStringLiteral("LC_ALL");
+    const QString c_locale = QStringLiteral("C");
+    const QString platform = QStringLiteral("QT_QPA_PLATFORM");
+    QTest::newRow("no display") << Changes{};
+    QTest::newRow("no display, C locale") << Changes{{locale, c_locale}};
+    QTest::newRow("no display, no locale") << Changes{{locale, {}}, {QStringLiteral("LANG"), {}}};
+    QTest::newRow("empty display") << Changes{{display, QStringLiteral("")}};
+    QTest::newRow("dead display") << Changes{{display, dead}};
+    QTest::newRow("dead display, C locale") << Changes{{display, dead}, {locale, c_locale}};
+    const QString wayland = QStringLiteral("WAYLAND_DISPLAY");
+    const QString session = QStringLiteral("XDG_SESSION_TYPE");
+    const QString desktop = QStringLiteral("XDG_CURRENT_DESKTOP");
+    QTest::newRow("dead Wayland display") << Changes{{wayland, dead}};
+    QTest::newRow("dead Wayland session") << Changes{{session, QStringLiteral("wayland")}};
+    QTest::newRow("dead Wayland and X displays") << Changes{{wayland, dead}, {display, dead}};
+    QTest::newRow("dead Wayland and X displays of another desktop")
+        << Changes{{wayland, dead}, {display, dead}, {desktop, QStringLiteral("ubuntu:GNOME")}};
+    QTest::newRow("no platform named") << Changes{{platform, QStringLiteral("")}};
+    QTest::newRow("offscreen") << Changes{{platform, QStringLiteral("offscreen")}};
+    QTest::newRow("offscreen, C locale") << Changes{{platform, QStringLiteral("offscreen")}, {locale, c_locale}};
+    QTest::newRow("offscreen, dead display") << Changes{{platform, QStringLiteral("offscreen")}, {display, dead}};
+    QTest::newRow("minimal") << Changes{{platform, QStringLiteral("minimal")}};
+    QTest::newRow("no home") << Changes{{QStringLiteral("HOME"), {}}, {QStringLiteral("XDG_RUNTIME_DIR"), {}}};
+}
+
+void CommandLineTest::theSurroundingsMakeNoDifference()
+{
+    QFETCH(Changes, changes);
+    QCOMPARE(run(words("-p nosuchport"), changes), exits(151, cannotOpen));
+    QCOMPARE(run(words("-r"), changes), exits(155, "File name not specified\n"));
+    QCOMPARE(run(words("--version"), changes), exits(0, "JVX file loader 0.0.8\n"));
+    QCOMPARE(run(words("--help"), changes), exits(0, run(words("--help")).output));
+}
+
+void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()
+{
+    const QString full = QStringLiteral("/dev/full");
+    if (!QFile::exists(full))
+        QSKIP("No /dev/full here");
+    QProcess tool;
+    tool.setProcessEnvironment(environment({}));
+    tool.setStandardOutputFile(full);
+    tool.start(QStringLiteral(JVX_LOADER), words("-p nosuchport"));
+    QVERIFY(tool.waitForFinished(patience));
+    QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(tool.exitCode(), 151);
+    QCOMPARE(tool.readAllStandardError(), QByteArray());
+}
+
+QTEST_GUILESS_MAIN(CommandLineTest)
+#include "tst_commandline.moc"

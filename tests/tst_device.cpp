@@ -1,0 +1,326 @@
+#include "capture.h"
+#include "device.h"
+#include "harness.h"
+
+#include <QSignalSpy>
+
+#include <climits>
+#include <csignal>
+
+/// The controller in this process, against the simulated terminal in its own.
+class TestDevice : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void progress_data();
+    void progress();
+
+    void openingAnOpenPortPrintsNothing();
+    void noOperationStartsWhileThePortIsClosed();
+    void closingAClosedPortPrintsNothing();
+    void aFailedReopenIsSilentUnlessItEndsTheRun();
+    void aPortErrorWhileARestartIsExpectedReopensThePortOnce();
+
+    void aPortErrorEndsTheRunOnce();
+    void theFirstExitCodeStands();
+    void noOperationStartsAfterTheEnd();
+    void aResultAfterTheEndIsNotPrinted();
+
+    void recordsOfTheTextLogArePrinted_data();
+    void recordsOfTheTextLogArePrinted();
+    void recordsOfOtherLogsAreNotPrinted();
+    void theToggleSwitchesTheLogOffAndOn();
+    void aToggleWithoutAnswerLeavesTheMaskAlone();
+    void theInterruptHandlerTogglesFromTheEventLoop();
+
+private:
+    bool start(const QStringList &options = {});
+    void identify();
+    int requestsWith(const QByteArray &key) const;
+
+    std::unique_ptr<SimulatedTerminal> _terminal;
+    std::unique_ptr<Device> _device;
+    jvxb::Protocol *_protocol = nullptr;
+};
+
+void TestDevice::init()
+{
+    _device = std::make_unique<Device>();
+}
+
+void TestDevice::cleanup()
+{
+    _device.reset();
+    if (_terminal)
+        QCOMPARE(_terminal->finish(), QByteArray());
+    _terminal.reset();
+}
+
+/// Starts the controller on a new simulated terminal.
+bool TestDevice::start(const QStringList &options)
+{
+    _terminal = std::make_unique<SimulatedTerminal>(options);
+    const bool started = _device->start(_terminal->port());
+    _protocol = _device->findChild<jvxb::Protocol *>();
+    return started && _protocol;
+}
+
+/// Runs the event loop until the terminal is identified.
+void TestDevice::identify()
+{
+    QSignalSpy identified(_protocol, &jvxb::Protocol::serialNumberReaded);
+    QTRY_COMPARE(identified.count(), 1);
+}
+
+int TestDevice::requestsWith(const QByteArray &key) const
+{
+    int count = 0;
+    for (const QByteArray &body : _terminal->requests()) {
+        if (QByteArray::fromHex(body).sliced(2).startsWith(key))
+            ++count;
+    }
+    return count;
+}
+
+void TestDevice::progress_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<int>("full_size");
+    QTest::addColumn<QByteArray>("printed");
+    QTest::newRow("half") << 1024 << 2048 << QByteArray("\r50% completed (1024/2048)");
+    QTest::newRow("cut, not rounded") << 1999 << 2000 << QByteArray("\r99% completed (1999/2000)");
+    QTest::newRow("nothing of nothing") << 0 << 0 << QByteArray("\r100% completed (0/0)");
+    QTest::newRow("something of nothing") << 5 << 0 << QByteArray("\r100% completed (5/0)");
+    QTest::newRow("nothing of something") << 0 << 5 << QByteArray("\r0% completed (0/5)");
+    QTest::newRow("last before the product wraps")
+        << 21474836 << 21474836 << QByteArray("\r100% completed (21474836/21474836)");
+    // 2147483700 - 2^32 = -2147483596
+    QTest::newRow("first after the product wraps")
+        << 21474837 << 21474837 << QByteArray("\r-99% completed (21474837/21474837)");
+    QTest::newRow("of -1") << 512 << -1 << QByteArray("\r-51200% completed (512/-1)");
+    // 536870912 * 100 = 2^31 modulo 2^32
+    QTest::newRow("INT_MIN / -1") << 536870912 << -1 << QByteArray("\r-2147483648% completed (536870912/-1)");
+    QTest::newRow("of INT_MIN") << 512 << INT_MIN << QByteArray("\r0% completed (512/-2147483648)");
+    QTest::newRow("INT_MIN of INT_MIN") << INT_MIN << INT_MIN << QByteArray("\r0% completed (-2147483648/-2147483648)");
+    QTest::newRow("-1 of -1") << -1 << -1 << QByteArray("\r100% completed (-1/-1)");
+}
+
+void TestDevice::progress()
+{
+    QFETCH(int, size);
+    QFETCH(int, full_size);
+    QFETCH(QByteArray, printed);
+    const Capture console;
+    _device->onFileReadingProgress(File::Settings, size, full_size);
+    QCOMPARE(console.flushed(), printed);
+    _device->onFileWritingProgress(File::Settings, size, full_size);
+    QCOMPARE(console.flushed(), printed + printed);
+}
+
+void TestDevice::openingAnOpenPortPrintsNothing()
+{
+    QVERIFY(start());
+    const Capture console;
+    QVERIFY(_device->tryOpenSerialPort(true, true, 60));
+    QCOMPARE(console.written(), QByteArray());
+}
+
+void TestDevice::closingAClosedPortPrintsNothing()
+{
+    const Capture console;
+    _device->closeSerialPort();
+    QCOMPARE(console.written(), QByteArray());
+}
+
+void TestDevice::noOperationStartsWhileThePortIsClosed()
+{
+    _device->logEnable(0x4000);
+    QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
+    QTRY_COMPARE(requestsWith("V"), 1);
+    _device->closeSerialPort();
+    const Capture console;
+    _device->onSerialNumberReaded(jvxb::Error::None, QStringLiteral("1")); // goes on with the next operation
+    QTest::qWait(100);
+    QCOMPARE(console.written(), QByteArray("IMEI: 1\n\n"));
+    QVERIFY(_device->tryOpenSerialPort(true, true, 0)); // and so does this, 1 ms later
+    QTRY_COMPARE(requestsWith("LOG"), 1);
+}
+
+void TestDevice::aFailedReopenIsSilentUnlessItEndsTheRun()
+{
+    QVERIFY(start({QStringLiteral("--vanish"), QStringLiteral("V"), QStringLiteral("--no-return")}));
+    QTRY_COMPARE(requestsWith("V"), 1);
+    _device->closeSerialPort();
+    QTRY_VERIFY(!_terminal->isPlugged());
+    const Capture console;
+    QVERIFY(!_device->tryOpenSerialPort(false, true, 0));
+    QCOMPARE(console.written(), QByteArray());
+    QVERIFY(!_device->tryOpenSerialPort(false, true, -1));
+    QCOMPARE(console.written(), QByteArray());
+    QVERIFY(!_device->tryOpenSerialPort(true, true, -1));
+    QCOMPARE(console.flushed(),
+        "\r              \nError: Failed to open serial port " + _terminal->port().toLocal8Bit() + ": \n");
+}
+
+void TestDevice::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
+{
+    _device->_log_monitor = true; // the run does not end by itself
+    QVERIFY(start());
+    identify();
+    const Capture console;
+    _device->onFileApplied(jvxb::Error::None, File::Settings);
+    const QByteArray waiting
+        = "Completed\n\nSerial port closed: " + _terminal->port().toLocal8Bit() + "\nWaiting device ...\n";
+    QCOMPARE(console.flushed(), waiting);
+    _device->onErrorOccured(QStringLiteral("gone")); // at once instead of after 5 s
+    QTest::qWait(50);
+    QCOMPARE(console.flushed(), waiting);
+    const QByteArray open = "\rSerial port open: " + _terminal->port().toLocal8Bit() + "\n\n";
+    QTRY_COMPARE_WITH_TIMEOUT(console.flushed(), waiting + open, 2000);
+    _device->closeSerialPort();
+    QTest::qWait(5500);
+    QVERIFY(!console.flushed().contains("secs"));
+    QCOMPARE(console.flushed().count("Serial port open"), 1);
+}
+
+void TestDevice::aPortErrorEndsTheRunOnce()
+{
+    _device->_log_monitor = true; // the run does not end by itself
+    QVERIFY(start());
+    identify();
+    const Capture console;
+    QTimer::singleShot(0, this, [this] {
+        for (int i = 0; i < 1000; ++i)
+            Q_EMIT _protocol->errorOccured(QStringLiteral("The port is %1"));
+    });
+    QCOMPARE(QCoreApplication::exec(), -110);
+    QCOMPARE(console.flushed(), QByteArray("Error: The port is %1\n"));
+}
+
+void TestDevice::theFirstExitCodeStands()
+{
+    _device->logEnable(0);
+    QVERIFY(start());
+    // Connected when the controller has connected its own slot, and so called after it, in the same turn of the event
+    // loop: the mask's answer has ended the run with 0 by then.
+    const auto fail = [this] { Q_EMIT _protocol->errorOccured(QStringLiteral("gone")); };
+    connect(
+        _protocol, &jvxb::Protocol::serialNumberReaded, this,
+        [this, fail] { connect(_protocol, &jvxb::Protocol::logEnabled, this, fail); }, Qt::QueuedConnection);
+    const Capture console;
+    QCOMPARE(QCoreApplication::exec(), 0);
+    QVERIFY2(!console.written().contains("Error"), console.written().constData());
+}
+
+void TestDevice::noOperationStartsAfterTheEnd()
+{
+    _device->logEnable(0x4000);
+    QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
+    _device->closeSerialPort();
+    QVERIFY(_device->tryOpenSerialPort(true, true, 0)); // the next operation is due in 1 ms
+    const Capture console;
+    Q_EMIT _protocol->errorOccured(QStringLiteral("gone"));
+    QTest::qWait(100);
+    QCOMPARE(console.written(), QByteArray("Error: gone\n"));
+    QCOMPARE(requestsWith("LOG"), 0);
+}
+
+void TestDevice::aResultAfterTheEndIsNotPrinted()
+{
+    QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
+    Q_EMIT _protocol->errorOccured(QStringLiteral("gone"));
+    const Capture console;
+    QTest::qWait(700); // the answer time of the request runs out
+    QCOMPARE(console.written(), QByteArray());
+}
+
+void TestDevice::recordsOfTheTextLogArePrinted_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<QByteArray>("printed");
+    QTest::newRow("without line end") << 3 << QByteArray("abc") << QByteArray("14:03:27 045 [3] abc\n");
+    QTest::newRow("with line end") << 3 << QByteArray("abc\n") << QByteArray("14:03:27 045 [3] abc\n");
+    QTest::newRow("with carriage return") << 3 << QByteArray("abc\r") << QByteArray("14:03:27 045 [3] abc\r\n");
+    QTest::newRow("two line ends") << 3 << QByteArray("abc\n\n") << QByteArray("14:03:27 045 [3] abc\n\n");
+    QTest::newRow("empty") << 0 << QByteArray() << QByteArray("14:03:27 045 [0] \n");
+    QTest::newRow("line end only") << 255 << QByteArray("\n") << QByteArray("14:03:27 045 [255] \n");
+    QTest::newRow("UTF-8") << 1 << QByteArray("\xE2\x82\xAC %1") << QByteArray("14:03:27 045 [1] \xE2\x82\xAC %1\n");
+    QTest::newRow("not UTF-8") << 1 << QByteArray("\xFF.") << QByteArray("14:03:27 045 [1] \xEF\xBF\xBD.\n");
+}
+
+void TestDevice::recordsOfTheTextLogArePrinted()
+{
+    QFETCH(int, type);
+    QFETCH(QByteArray, data);
+    QFETCH(QByteArray, printed);
+    const Capture console;
+    const QDateTime time(QDate(2026, 3, 1), QTime(14, 3, 27, 45));
+    _device->onLogReceived(jvxb::Log{14}, static_cast<uint8_t>(type), time, data);
+    QCOMPARE(console.flushed(), printed);
+}
+
+void TestDevice::recordsOfOtherLogsAreNotPrinted()
+{
+    const Capture console;
+    for (int log = 0; log < 256; ++log) {
+        if (log != 14)
+            _device->onLogReceived(static_cast<jvxb::Log>(log), 1, QDateTime::currentDateTime(), "text");
+    }
+    QCOMPARE(console.written(), QByteArray());
+}
+
+void TestDevice::theToggleSwitchesTheLogOffAndOn()
+{
+    _device->logEnable(1);
+    _device->_log_monitor = true;
+    QVERIFY(start());
+    identify();
+    QTRY_COMPARE(requestsWith("LOG"), 1);
+    QTest::qWait(50);
+    const Capture console;
+    _device->toggleLog();
+    QTRY_COMPARE(console.flushed(), QByteArray("Info: log disabled\n"));
+    _device->toggleLog();
+    QTRY_COMPARE(console.flushed(), QByteArray("Info: log disabled\nInfo: log enabled\n"));
+    _device->toggleLog();
+    QTRY_COMPARE(console.flushed(), QByteArray("Info: log disabled\nInfo: log enabled\nInfo: log disabled\n"));
+    const QByteArrayList masks = _terminal->requests().mid(3);
+    QCOMPARE(masks,
+        QByteArrayList({"2a214c4f4701000000", "2a214c4f4700000000", "2a214c4f4700400000", "2a214c4f4700000000"}));
+}
+
+void TestDevice::aToggleWithoutAnswerLeavesTheMaskAlone()
+{
+    _device->logEnable(0x4000); // in force as far as the controller knows
+    QVERIFY(
+        start({QStringLiteral("--silent"), QStringLiteral("LOG"), QStringLiteral("--silent"), QStringLiteral("V")}));
+    QTRY_COMPARE(requestsWith("V"), 1);
+    const Capture console;
+    for (const char *errors : {"Error: Timeout(-1)\n", "Error: Timeout(-1)\nError: Timeout(-1)\n"}) {
+        // Disconnects what the unanswered identification would print.
+        disconnect(_protocol, &jvxb::Protocol::softVersionReaded, nullptr, nullptr);
+        _device->toggleLog();
+        QTRY_COMPARE_WITH_TIMEOUT(console.flushed(), QByteArray(errors), 3000);
+    }
+    QCOMPARE(_terminal->requests().mid(1), QByteArrayList({"2a214c4f4700000000", "2a214c4f4700000000"}));
+}
+
+void TestDevice::theInterruptHandlerTogglesFromTheEventLoop()
+{
+    _device->logEnable(0);
+    QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
+    QTRY_COMPARE(requestsWith("V"), 1);
+    const Capture console;
+    Device::onSigintSignal(SIGTERM);
+    Device::onSigintSignal(SIGINT);
+    QCOMPARE(console.written(), QByteArray());
+    QTRY_COMPARE(console.flushed(), QByteArray("Info: log enabled\n"));
+    QCOMPARE(requestsWith("LOG"), 1);
+}
+
+QTEST_GUILESS_MAIN(TestDevice)
+#include "tst_device.moc"
