@@ -31,6 +31,7 @@ private Q_SLOTS:
     void aRefusedReadLeavesTheLocalFileAlone();
     void aRefusedWriteLeavesTheOldFileAlone_data();
     void aRefusedWriteLeavesTheOldFileAlone();
+    void aStatusOfZeroReadsAsNoError();
     void anAnswerForAnotherKindIsIgnored_data();
     void anAnswerForAnotherKindIsIgnored();
     void aSilentTerminalTimesOut_data();
@@ -405,6 +406,19 @@ void TestFiles::aRefusedWriteLeavesTheOldFileAlone()
         run.output, identificationOn(terminal) + writing(local, "settings") + lines + "\n\nError: " + printed + "\n");
     QCOMPARE(run.code, code);
     QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestFiles::aStatusOfZeroReadsAsNoError()
+{
+    FileTerminal terminal({QStringLiteral("--status"), QStringLiteral("FR:2=00")});
+    writeAll(terminal.own(QStringLiteral("settings")), content(1300));
+    const QString local = terminal.path(QStringLiteral("local.bin"));
+    const Run run = terminal.run(words("-r -f settings") + QStringList{local});
+    QCOMPARE(run.output,
+        identificationOn(terminal) + "Reading file 'settings' ...\n\r39% completed (512/1300)" + saved(local));
+    QCOMPARE(run.code, 0);
+    QCOMPARE(readAll(local), QByteArray()); // the error decides, and what came before it is dropped
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
