@@ -294,6 +294,7 @@ private Q_SLOTS:
     void anAnsweredRequestDoesNotTimeOut();
     void oneTimeoutLeavesTheOthersAlone();
     void aTransactionOfAnUnknownKeyTimesOutSilently();
+    void aTimeoutOfNoTransactionChangesNothing();
     void sendingAgainBeginsTheTimeAnew();
     void sendingAgainKeepsThePlaceInTheQueue();
     void endDeletesATransactionOutsideTheQueue();
@@ -934,6 +935,15 @@ void ProtocolTest::aTransactionOfAnUnknownKeyTimesOutSilently()
     bench.protocol.begin(transaction);
     QTRY_VERIFY(!transaction);
     QCOMPARE(bench.results, QByteArrayList{});
+}
+
+void ProtocolTest::aTimeoutOfNoTransactionChangesNothing()
+{
+    ProtocolBench bench;
+    bench.protocol.readHardVersion();
+    QVERIFY(QMetaObject::invokeMethod(&bench.protocol, "onTimeout"));
+    QCOMPARE(bench.results, QByteArrayList());
+    QCOMPARE(bench.pending().size(), 1);
 }
 
 void ProtocolTest::sendingAgainBeginsTheTimeAnew()
