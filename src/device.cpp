@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QGuiApplication>
 #include <QSerialPortInfo>
+#include <QStringList>
 #include <QTimer>
 
 #include <chrono>
@@ -39,6 +40,7 @@ bool isTerminal(const QSerialPortInfo &port)
     return port.vendorIdentifier() == vendor_identifier && port.productIdentifier() == product_identifier;
 }
 
+/// The program selects this platform where it finds no display; a dialog would wait there for ever.
 bool canShowWindow()
 {
     return QGuiApplication::platformName() != QLatin1String("minimal");
@@ -70,6 +72,12 @@ Device *Device::_device = nullptr;
 Device::Device()
     : _port(new QSerialPort(this))
 {
+}
+
+Device::~Device()
+{
+    if (_device == this)
+        _device = nullptr;
 }
 
 bool Device::setReadFile(File file, const QString &path)
@@ -172,7 +180,7 @@ bool Device::start(const QString &port)
     _port->setPortName(port);
     _protocol = new Protocol(_port, this);
     if (!tryOpenSerialPort(false, false, 0)) {
-        StdOutput() << tr("Failed to open serial port %1: ").arg(_port->portName()) << _port->errorString();
+        StdOutput() << tr("Failed to open serial port %1: ").arg(port) << _port->errorString();
         return false;
     }
     readSoftVersion();
@@ -217,7 +225,7 @@ void Device::quit(int code)
 {
     _finished = true;
     // A port that was unplugged goes on reporting errors until it is closed.
-    _protocol->disconnect(this);
+    disconnect(_protocol, nullptr, this, nullptr);
     QCoreApplication::exit(code);
 }
 
@@ -357,7 +365,7 @@ void Device::onFileApplied(jvxb::Error error, File file)
         return end(error);
     if (!restarts_unanswered)
         StdOutput() << tr("Completed");
-    StdOutput() << "";
+    StdOutput(); // an empty line
     _reconnect = true;
     closeSerialPort();
     StdOutput() << "Waiting device ...";
@@ -413,6 +421,6 @@ void Device::onLogToggled(jvxb::Error error, uint32_t mask)
 
 void Device::onSigintSignal(int signal_number)
 {
-    if (signal_number == SIGINT)
+    if (signal_number == SIGINT && _device)
         QTimer::singleShot(0, _device, &Device::toggleLog);
 }

@@ -9,6 +9,8 @@
 #include <QSerialPort>
 #include <QString>
 
+#include <cstdint>
+
 class QFile;
 
 /// The controller of one run: opens the terminal's port, identifies the terminal, does what was asked for as a chain of
@@ -26,6 +28,7 @@ class Device : public QObject {
 
 public:
     Device();
+    ~Device() override;
 
     /// Finds the terminal's port by its USB identifiers, 03EB:6124. When several ports qualify, the user picks one in a
     /// dialog; where no window can be shown, the candidates are printed on one line instead.
@@ -56,6 +59,7 @@ public:
 
 public Q_SLOTS:
     /// Ends the run with -110, or reopens the port when the terminal is expected to restart.
+    /// \param error_text the port's error string
     void onErrorOccured(const QString &error_text);
 
     // Results of the requests: each is connected for one request and disconnects itself first.
@@ -71,13 +75,14 @@ public Q_SLOTS:
     void onFileWritingProgress(File file, int size, int full_size);
     void onFileApplied(jvxb::Error error, File file);
 
-    /// Prints a record of the text log (log 14).
-    void onLogReceived(jvxb::Log log, uint8_t type, const QDateTime &datetime, const QByteArray &data);
+    /// Prints a record of the text log (log 14): the local time, the type in brackets, the text. Ignores other logs.
+    void onLogReceived(jvxb::Log, uint8_t, const QDateTime &datetime, const QByteArray &data);
 
-    /// Opens the port; on failure tries again every second, showing the seconds left.
-    /// \param end_if_error end the run with -112 after the last failure
-    /// \param next_operation go on with the next operation once the port is open
-    /// \param try_count further attempts; 0 or less: none
+    /// Opens the port and says so; on failure tries again every second, showing the seconds left. Does nothing if the
+    /// port is open.
+    /// \param end_if_error end the run with -112 after the last failure; otherwise that is left to the caller
+    /// \param next_operation go on with the next operation 1 ms after the port was opened
+    /// \param try_count further attempts, one second apart; 0 or less: none
     /// \return whether the port is open now
     bool tryOpenSerialPort(bool end_if_error, bool next_operation, int try_count);
 

@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 
 #include <array>
+#include <cstddef>
 
 namespace {
 

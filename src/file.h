@@ -46,7 +46,7 @@ struct FileInfo {
     static FileInfo const &info(QString const &text);
 
     /// The help line of this kind: its number and keys padded or cut to 24 characters, then its name.
-    QString commandLineDescription() const;
+    [[nodiscard]] QString commandLineDescription() const;
 
     /// The help lines of kinds 0 to 11 in this order, separated by "\n".
     static QString commandLineDescriptions();

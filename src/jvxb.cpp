@@ -3,10 +3,12 @@
 #include "stdoutput.h"
 
 #include <QCoreApplication>
+#include <QStringList>
 #include <QtEndian>
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <functional>
 #include <numeric>
 
@@ -16,6 +18,8 @@ namespace {
 
 constexpr QByteArrayView magic = "@JVX";
 constexpr qsizetype header_size = 16;
+constexpr qsizetype body_length_offset = 12;
+constexpr qsizetype body_checksum_offset = 14;
 constexpr qsizetype min_body_size = 3;
 
 constexpr char start_character = '*';
@@ -132,7 +136,7 @@ std::optional<QByteArray> ReceiveBuffer::takeBody()
         const qsizetype length = bodyLength();
         if (_bytes.size() < header_size + length)
             return {};
-        const char announced = _bytes[14];
+        const char announced = _bytes[body_checksum_offset];
         drop(header_size);
         if (checksum(length) != announced)
             continue;
@@ -160,7 +164,7 @@ bool ReceiveBuffer::headerIsValid() const
 
 quint16 ReceiveBuffer::bodyLength() const
 {
-    return littleEndian<quint16>(_bytes, 12);
+    return littleEndian<quint16>(_bytes, body_length_offset);
 }
 
 char ReceiveBuffer::checksum(qsizetype count) const
@@ -191,7 +195,7 @@ Transaction::Transaction(char request, char answer, const QByteArray &key, QObje
 
 QByteArray Transaction::request() const
 {
-    return QByteArray{}.append(start_character).append(_request).append(_key).append(_data);
+    return QByteArray{}.append(start_character).append(_request).append(_key).append(_payload);
 }
 
 qsizetype Transaction::checkResponse(const QByteArray &body) const
@@ -438,7 +442,7 @@ void Protocol::readFileContinue(FileCommand *command, uint handle)
     appendLittleEndian<quint32>(data, handle);
     appendLittleEndian(data, static_cast<quint32>(command->_data.size()));
     appendLittleEndian(data, static_cast<quint16>(max_piece_size));
-    command->setData(data);
+    command->setPayload(data);
     sendPiece(command);
 }
 
@@ -503,7 +507,7 @@ void Protocol::writeFileContinue(FileCommand *command, uint offset, uint handle)
     appendLittleEndian(data, static_cast<quint16>(length));
     appendLittleEndian(data, total);
     data.append(command->_data.mid(offset, length));
-    command->setData(data);
+    command->setPayload(data);
     sendPiece(command);
 }
 
@@ -547,7 +551,7 @@ void Protocol::applyFile(File file, uint checksum)
     appendLittleEndian<quint32>(data, 0);
     appendLittleEndian<quint32>(data, checksum);
     auto *const command = new FileCommand(file, {}, _apply_file_key, this, answer_timeout);
-    command->setData(data);
+    command->setPayload(data);
     begin(command);
 }
 
@@ -579,7 +583,7 @@ void Protocol::logEnable(quint32 mask)
     QByteArray data;
     appendLittleEndian(data, mask);
     auto *const command = new Command(_log_enable_key, this, answer_timeout);
-    command->setData(data);
+    command->setPayload(data);
     begin(command);
 }
 

@@ -79,9 +79,9 @@ public:
 
 private:
     bool seekMagic();
-    bool headerIsValid() const;
-    quint16 bodyLength() const;
-    char checksum(qsizetype count) const;
+    [[nodiscard]] bool headerIsValid() const;
+    [[nodiscard]] quint16 bodyLength() const;
+    [[nodiscard]] char checksum(qsizetype count) const;
     void drop(qsizetype count);
 
     QByteArray _bytes;
@@ -100,22 +100,25 @@ public:
     /// \param timeout answer time-out in milliseconds, kept to the millisecond
     Transaction(char request, char answer, const QByteArray &key, QObject *parent, int timeout);
 
-    const QByteArray &key() const { return _key; }
+    [[nodiscard]] const QByteArray &key() const { return _key; }
 
     /// The request payload: empty at construction, filled by the request operation.
-    const QByteArray &data() const { return _data; }
-    void setData(const QByteArray &data) { _data = data; }
+    void setPayload(const QByteArray &payload) { _payload = payload; }
 
     /// The body of the request: "*", the direction character, the key and the payload.
-    QByteArray request() const;
+    [[nodiscard]] QByteArray request() const;
 
     /// The offset of the payload in \a body if it answers this transaction, that is if it carries the answer character
     /// at offset 1 and the key first at offset 2; otherwise -1.
-    qsizetype checkResponse(const QByteArray &body) const;
+    [[nodiscard]] qsizetype checkResponse(const QByteArray &body) const;
 
-    /// Starts the answer timer; restart begins the full interval anew.
+    /// Starts the answer timer.
     void start();
+
+    /// Begins the full answer time anew.
     void restart();
+
+    /// Stops the answer timer.
     void stop();
 
 Q_SIGNALS:
@@ -124,7 +127,7 @@ Q_SIGNALS:
 
 private:
     const QByteArray _key;
-    QByteArray _data;
+    QByteArray _payload;
     QTimer *const _timer;
     const char _request;
     const char _answer;
@@ -170,6 +173,7 @@ class Protocol : public QObject {
     Q_OBJECT
 
 public:
+    // Command keys, the names of requests on the wire.
     static const QByteArray _soft_version_key;
     static const QByteArray _hard_version_key;
     static const QByteArray _serial_number_key;
@@ -209,7 +213,7 @@ public:
     /// Queues a new \a transaction, which must be of the class that belongs to its key, sends it and starts its timer.
     void begin(Transaction *transaction);
 
-    /// Sends a queued \a transaction again, with its present data, and restarts its timer.
+    /// Sends a queued \a transaction again, with its present payload, and restarts its timer.
     void continuE(Transaction *transaction);
 
     /// Stops, dequeues and at once deletes \a transaction, queued or not.
@@ -238,6 +242,7 @@ Q_SIGNALS:
     /// \param full_size size of the file as the terminal announced it
     void fileReadingProgress(File file, int size, int full_size);
 
+    /// The terminal has the whole file.
     void fileWritten(jvxb::Error error, File file);
 
     /// The terminal has accepted a piece.
@@ -245,9 +250,11 @@ Q_SIGNALS:
     /// \param full_size size of the file
     void fileWritingProgress(File file, int size, int full_size);
 
+    /// The terminal has taken the file into use and restarts.
     void fileApplied(jvxb::Error error, File file);
 
     /// A log record has come; unsolicited, at any time.
+    /// \param log the log that the record belongs to
     /// \param type record type within the log
     /// \param datetime time stamp in the local time zone
     /// \param data the record's content; in log 14 a text in UTF-8, with or without a line end

@@ -3,7 +3,9 @@
 #include "stdoutput.h"
 
 #include <QApplication>
+#include <QByteArrayList>
 #include <QCommandLineParser>
+#include <QStringList>
 #include <QSysInfo>
 
 namespace {
@@ -31,8 +33,10 @@ QByteArray platforms()
     QByteArrayList names;
     if (qEnvironmentVariableIsSet("DISPLAY"))
         names += "xcb";
-    if (qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland")
-        names.insert(qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome") ? names.size() : 0, "wayland");
+    if (qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland") {
+        const bool prefers_x = qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome");
+        names.insert(prefers_x ? names.size() : 0, "wayland");
+    }
     names += "minimal";
     return names.join(';');
 }
@@ -42,17 +46,18 @@ QByteArray platforms()
 void tolerateMissingDisplay()
 {
     const QString kernel = QSysInfo::kernelType();
-    const bool has_display = kernel == QLatin1String("winnt") || kernel == QLatin1String("darwin");
-    if (!has_display && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+    const bool always_has_display = kernel == QLatin1String("winnt") || kernel == QLatin1String("darwin");
+    if (!always_has_display && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", platforms());
 }
 
 QtMessageHandler default_message_handler = nullptr;
 
-/// The framework remarks on locales and displays that it cannot use; only what ends the program is worth a word.
+/// The framework remarks on locales, displays and files that it cannot use. What the user needs to know of that the
+/// tool says itself, on standard output.
 void dropRemarks(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (type == QtCriticalMsg || type == QtFatalMsg)
+    if (type != QtInfoMsg && type != QtWarningMsg)
         default_message_handler(type, context, message);
 }
 
@@ -61,7 +66,7 @@ void setIdentity()
     QApplication::setApplicationName(QStringLiteral("JVX file loader"));
     QApplication::setOrganizationName(QStringLiteral("JVX"));
     QApplication::setOrganizationDomain(QStringLiteral("jvx.invalid"));
-    QApplication::setApplicationVersion(QStringLiteral("0.0.8"));
+    QApplication::setApplicationVersion(QStringLiteral(JVX_VERSION));
     QApplication::setQuitOnLastWindowClosed(false); // the port selection is not the end of the run
 }
 
@@ -104,7 +109,6 @@ int main(int argc, char *argv[])
     tolerateMissingDisplay();
     default_message_handler = qInstallMessageHandler(dropRemarks);
     const QApplication application(argc, argv);
-    qInstallMessageHandler(default_message_handler);
     setIdentity();
 
     CommandLine line;

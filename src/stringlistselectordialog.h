@@ -22,7 +22,7 @@ public:
     void setText(const QString &text);
 
     /// The selected string, or an empty one when nothing is selected.
-    QString selectedText() const;
+    [[nodiscard]] QString selectedText() const;
 
     /// Lets the user pick one of \a items; runs a nested event loop until the dialog is closed.
     /// \param text prompt, shown with a colon even when empty

@@ -55,6 +55,18 @@ public:
         return _output.contains(text);
     }
 
+    /// Waits until standard output holds \a size bytes, and returns whether it did within \a limit.
+    bool waitForOutputOf(qsizetype size, std::chrono::milliseconds limit)
+    {
+        QElapsedTimer waiting;
+        waiting.start();
+        while (_output.size() < size && waiting.elapsed() < limit.count()) {
+            _process.waitForReadyRead(50);
+            _output += _process.readAllStandardOutput();
+        }
+        return _output.size() >= size;
+    }
+
     /// Waits for the end of the run; kills it after \a limit.
     Run finish(std::chrono::milliseconds limit = 30s)
     {

@@ -220,7 +220,8 @@ void CommandLineTest::aValidLogMaskPasses()
 void CommandLineTest::aPortThatDoesNotExistIsReported_data()
 {
     QTest::addColumn<QString>("port");
-    for (const char *port : {"nosuchport", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
+    for (const char *port :
+        {"nosuchport", "/dev/nosuchport", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
         QTest::newRow(port) << QString::fromUtf8(port);
 }
 

@@ -494,6 +494,7 @@ void TestFiles::aLocalFileThatCannotBeReadEndsTheRun_data()
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("reason");
     QTest::newRow("no such file") << QStringLiteral("/no/such/file") << QStringLiteral("No such file or directory");
+    QTest::newRow("no name") << QString() << QStringLiteral(".+");
     QTest::newRow("a directory") << QStringLiteral("/") << QStringLiteral(".+");
     // Opens, and then fails to be read: what came of it is not to be written.
     QTest::newRow("a file that fails half-way")
@@ -511,6 +512,7 @@ void TestFiles::aLocalFileThatCannotBeReadEndsTheRun()
     QVERIFY2(run.output.startsWith(front), run.output.constData());
     const QRegularExpression rest(QStringLiteral("^%1\\)\n$").arg(reason));
     QVERIFY2(rest.match(QString::fromLocal8Bit(run.output.sliced(front.size()))).hasMatch(), run.output.constData());
+    QCOMPARE(run.errors, QByteArray());
     QCOMPARE(run.code, 256 - 111);
     QCOMPARE(terminal.requests().size(), 3);
     QCOMPARE(terminal.finish(), QByteArray());

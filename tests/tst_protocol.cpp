@@ -359,7 +359,7 @@ void ProtocolTest::aTransactionMakesItsRequestOfKeyAndData()
 {
     jvxb::Transaction transaction('<', '=', "KEY", nullptr, 1);
     QCOMPARE(transaction.request(), QByteArray("*<KEY"));
-    transaction.setData(QByteArray("\0\xFF", 2));
+    transaction.setPayload(QByteArray("\0\xFF", 2));
     QCOMPARE(transaction.request(), QByteArray("*<KEY\0\xFF", 7));
     QCOMPARE(jvxb::Ask("V", nullptr, 1).request(), QByteArray("*?V"));
     QCOMPARE(jvxb::Command("V", nullptr, 1).request(), QByteArray("*!V"));
@@ -954,7 +954,7 @@ void ProtocolTest::sendingAgainBeginsTheTimeAnew()
     QTest::qWait(300);
     QCOMPARE(bench.results, QByteArrayList{});
     const qint64 sent_again = bench.now();
-    transaction->setData("more");
+    transaction->setPayload("more");
     bench.protocol.continuE(transaction);
     QTRY_COMPARE(bench.results, QByteArrayList{"hardVesionReaded -1 0"});
     QVERIFY2(bench.lastResultAt() - sent_again >= 499, QByteArray::number(bench.lastResultAt() - sent_again));
