@@ -1,12 +1,13 @@
+# shellcheck shell=sh
 # To be sourced. need PACKAGE ...: installs those of the Debian packages that are missing, and says so on standard error.
 
 need()
 {
     command -v dpkg-query >/dev/null || return 0 # not Debian: the build will tell what it misses
-    installed=$(dpkg-query --show --showformat '${db:Status-Abbrev}${Package}\n' "$@" 2>/dev/null || :)
+    installed=$(dpkg-query --show --showformat '${db:Status-Status} ${Package}\n' "$@" 2>/dev/null || :)
     missing=
     for package; do
-        printf '%s\n' "$installed" | grep -qxF "ii $package" || missing="$missing $package"
+        printf '%s\n' "$installed" | grep -qxF "installed $package" || missing="$missing $package"
     done
     [ -n "$missing" ] || return 0
 
@@ -15,6 +16,7 @@ need()
     [ "$(id -u)" = 0 ] || sudo=sudo
     {
         $sudo apt-get update --quiet=2
+        # shellcheck disable=SC2086 # a list
         $sudo env DEBIAN_FRONTEND=noninteractive \
             apt-get install --yes --quiet=2 --no-install-recommends $missing
     } >&2
