@@ -91,7 +91,7 @@ QByteArray LogSource::record(quint8 log, quint8 type, const QByteArray &data, bo
 {
     const std::chrono::nanoseconds period = std::max(_settings.period.value_or(shortestPeriod), shortestPeriod);
     const auto time = _start + std::chrono::duration_cast<std::chrono::milliseconds>(period * _sent);
-    const std::chrono::milliseconds carried = longMilliseconds ? 1s : 0s;
+    const std::chrono::milliseconds carried = longMilliseconds && time >= 1s ? 1s : 0s;
 
     QByteArray bytes;
     wire::append(bytes, log);
