@@ -365,7 +365,7 @@ void Device::onFileApplied(jvxb::Error error, File file)
         return end(error);
     if (!restarts_unanswered)
         StdOutput() << tr("Completed");
-    StdOutput(); // an empty line
+    StdOutput() << "";
     _reconnect = true;
     closeSerialPort();
     StdOutput() << "Waiting device ...";

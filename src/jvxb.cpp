@@ -72,7 +72,7 @@ bool isForeign(const QByteArray &payload, const Transaction *command)
 
 char exclusiveOr(QByteArrayView bytes)
 {
-    return std::accumulate(bytes.begin(), bytes.end(), '\0', std::bit_xor<char>());
+    return std::accumulate(bytes.begin(), bytes.end(), '\0', std::bit_xor<>());
 }
 
 } // namespace
