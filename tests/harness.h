@@ -16,9 +16,11 @@
 #include <QtEndian>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <unistd.h>
 #include <utility>
@@ -39,6 +41,12 @@ struct Run {
 class Tool {
 public:
     explicit Tool(const QStringList &arguments, const QStringList &environment = {})
+        : Tool(QStringLiteral(JVX_LOADER), arguments, environment)
+    {
+    }
+
+    /// The tool by way of \a program, which may start further ones: all of them are one process group.
+    Tool(const QString &program, const QStringList &arguments, const QStringList &environment)
     {
         QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE", "QT_QPA_PLATFORM"})
@@ -47,11 +55,31 @@ public:
             variables.insert(assignment.section(QLatin1Char('='), 0, 0), assignment.section(QLatin1Char('='), 1));
         _process.setProcessEnvironment(variables);
         _process.setStandardInputFile(QProcess::nullDevice());
+        _process.setChildProcessModifier([] {
+            ::setpgid(0, 0);
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        });
         _clock.start();
-        _process.start(QStringLiteral(JVX_LOADER), arguments);
+        _process.start(program, arguments);
     }
 
+    ~Tool()
+    {
+        signalAll(SIGKILL);
+        _process.waitForFinished();
+    }
+
+    Tool(const Tool &) = delete;
+    Tool &operator=(const Tool &) = delete;
+
     QProcess &process() { return _process; }
+
+    /// Sends a signal to the tool and to all that was started with it.
+    void signalAll(int number) const
+    {
+        if (const auto group = static_cast<pid_t>(_process.processId()); group > 0)
+            ::kill(-group, number);
+    }
 
     /// Waits until standard output holds \a text, and returns whether it did within 10 s.
     bool waitForOutput(const QByteArray &text)
@@ -87,7 +115,7 @@ public:
         Run run;
         run.milliseconds = _clock.elapsed();
         if (!finished) {
-            _process.kill();
+            signalAll(SIGKILL);
             _process.waitForFinished();
         }
         _output += _process.readAllStandardOutput();
@@ -176,9 +204,9 @@ private:
 };
 
 /// What the tool prints up to and with the identification of the simulated terminal as it is by default.
-inline QByteArray identificationOn(const SimulatedTerminal &terminal)
+inline QByteArray identificationOn(const QString &port)
 {
-    return "\rSerial port open: " + terminal.port().toLocal8Bit() + "\n\n"
+    return "\rSerial port open: " + port.toLocal8Bit() + "\n\n"
         + "Checking device ...\n"
           "\n"
           "Device: JVX terminal\n"
@@ -188,6 +216,11 @@ inline QByteArray identificationOn(const SimulatedTerminal &terminal)
           "BHR: 0x10a2b3c4d5\n"
           "IMEI: 350000000000017\n"
           "\n";
+}
+
+inline QByteArray identificationOn(const SimulatedTerminal &terminal)
+{
+    return identificationOn(terminal.port());
 }
 
 /// What the tool prints up to the first answer.

@@ -1,0 +1,275 @@
+#include "testbed.h"
+
+/// The tool looks for the terminal's port itself where none is named. The ports are faked, the terminal is simulated.
+class TestDiscovery : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void foreignPortsAreNoTerminals_data();
+    void foreignPortsAreNoTerminals();
+    void theOnlyTerminalIsUsedUnasked_data();
+    void theOnlyTerminalIsUsedUnasked();
+    void severalTerminalsAreListedWhereNoWindowIs_data();
+    void severalTerminalsAreListedWhereNoWindowIs();
+    void aNamedPortIsUsedUnasked_data();
+    void aNamedPortIsUsedUnasked();
+    void anEmptyNameStartsNoSearch_data();
+    void anEmptyNameStartsNoSearch();
+    void aWindowThatTheUserWantsIsWaitedFor();
+    void withoutOptionsOnlyTheLogIsSwitchedOn();
+    void withoutAKindTheUserFirmwareIsMeant_data();
+    void withoutAKindTheUserFirmwareIsMeant();
+    void aTerminalThatRestartsComesBackToItsPort_data();
+    void aTerminalThatRestartsComesBackToItsPort();
+};
+
+namespace {
+
+using Ports = QList<FakedPort>;
+
+// The terminal has 03eb:6124; each of these differs in one respect or more.
+constexpr FakedPort other_product{5, "1-5", "03eb", "6125"};
+constexpr FakedPort other_vendor{6, "1-0", "03ec", "6124"};
+constexpr FakedPort swapped{7, "1-7", "6124", "03eb"};
+constexpr FakedPort unknown{8, "1-8", "0000", "0000"};
+constexpr FakedPort no_usb{9, "soc", nullptr, nullptr};
+const Ports foreign_ports{other_product, other_vendor, swapped, unknown, no_usb};
+
+QStringList words(const char *line)
+{
+    return QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+/// What the tool prints where the user has to choose among the ports of these numbers.
+QByteArray choiceOf(const QList<int> &numbers)
+{
+    QStringList names;
+    for (const int number : numbers)
+        names += portName(number);
+    return "Select device serial port: " + names.join(QLatin1String(", ")).toLatin1()
+        + "\nSerial port is not selected\n";
+}
+
+/// A local file of nine bytes.
+QString localFile(const Testbed &testbed)
+{
+    QFile file(testbed.path(QStringLiteral("local.bin")));
+    if (file.open(QIODevice::WriteOnly))
+        file.write("123456789");
+    return file.fileName();
+}
+
+void portsRow(const char *name, const Ports &ports)
+{
+    QTest::newRow(name) << ports;
+}
+
+const QByteArray log_mask_request = "2a214c4f4700400000";
+
+} // namespace
+
+void TestDiscovery::foreignPortsAreNoTerminals_data()
+{
+    QTest::addColumn<Ports>("ports");
+    portsRow("no port at all", {});
+    portsRow("another product of the vendor", {other_product});
+    portsRow("the product of another vendor", {other_vendor});
+    portsRow("vendor and product in separate ports", {other_product, other_vendor});
+    portsRow("vendor and product swapped", {swapped});
+    portsRow("identifiers that are zero", {unknown});
+    portsRow("no USB port", {no_usb});
+    portsRow("all of them", foreign_ports);
+}
+
+void TestDiscovery::foreignPortsAreNoTerminals()
+{
+    QFETCH(Ports, ports);
+    const Run run = Testbed(ports).start().finish();
+    QCOMPARE(run.output, QByteArray("Serial port is not selected\n"));
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 256 - 103);
+}
+
+void TestDiscovery::theOnlyTerminalIsUsedUnasked_data()
+{
+    QTest::addColumn<Ports>("ports");
+    portsRow("alone", {terminalPort(0, "1-1")});
+    portsRow("identifiers in capitals", {{0, "1-1", "03EB", "6124"}});
+    portsRow("discovered first", Ports{terminalPort(0, "1-0.1")} + Ports{other_product, swapped, unknown, no_usb});
+    portsRow("discovered among foreign ones", foreign_ports + Ports{terminalPort(0, "1-6")});
+    portsRow("discovered last", foreign_ports + Ports{terminalPort(0, "1-9")});
+}
+
+void TestDiscovery::theOnlyTerminalIsUsedUnasked()
+{
+    QFETCH(Ports, ports);
+    SimulatedTerminal terminal;
+    Testbed testbed(ports);
+    testbed.connect(0, terminal);
+    const Run run = testbed.start().finish();
+    QCOMPARE(run.output, identificationOn(portName(0)));
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs_data()
+{
+    const Ports two{terminalPort(0, "1-1"), terminalPort(1, "1-2")};
+    QTest::addColumn<Ports>("ports");
+    QTest::addColumn<QList<int>>("candidates");
+    QTest::addColumn<QStringList>("environment");
+    QTest::newRow("two") << two << QList<int>{0, 1} << QStringList();
+    QTest::newRow("three") << two + Ports{terminalPort(2, "1-3")} << QList<int>{0, 1, 2} << QStringList();
+    QTest::newRow("two among foreign ones") << foreign_ports + two << QList<int>{0, 1} << QStringList();
+    // The order is that of the places on the bus: neither that of the names nor that of the description.
+    QTest::newRow("in order of discovery")
+        << Ports{terminalPort(0, "1-2"), terminalPort(1, "1-3"), terminalPort(2, "1-1")} << QList<int>{2, 0, 1}
+        << QStringList();
+    QTest::newRow("display gone") << two << QList<int>{0, 1} << QStringList{QStringLiteral("DISPLAY=:77")};
+    QTest::newRow("no windows wanted") << two << QList<int>{0, 1}
+                                       << QStringList{QStringLiteral("QT_QPA_PLATFORM=minimal")};
+}
+
+void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs()
+{
+    QFETCH(Ports, ports);
+    QFETCH(QList<int>, candidates);
+    QFETCH(QStringList, environment);
+    SimulatedTerminal terminal;
+    Testbed testbed(ports);
+    testbed.connect(0, terminal);
+    const Run run = testbed.start({}, environment).finish();
+    QCOMPARE(run.output, choiceOf(candidates));
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(terminal.requests(), QByteArrayList());
+}
+
+void TestDiscovery::aNamedPortIsUsedUnasked_data()
+{
+    QTest::addColumn<Ports>("ports");
+    QTest::addColumn<QString>("option");
+    const Ports three{terminalPort(0, "1-1"), terminalPort(1, "1-2"), terminalPort(2, "1-3")};
+    QTest::newRow("second of three") << three << QStringLiteral("--port=%1");
+    QTest::newRow("second of three, joined") << three << QStringLiteral("-p%1");
+    QTest::newRow("not the terminal's identifiers")
+        << Ports{terminalPort(0, "1-1"), {1, "1-2", "1234", "5678"}} << QStringLiteral("--port=%1");
+    QTest::newRow("no USB port") << Ports{terminalPort(0, "1-1"), {1, "soc", nullptr, nullptr}}
+                                 << QStringLiteral("--port=%1");
+}
+
+void TestDiscovery::aNamedPortIsUsedUnasked()
+{
+    QFETCH(Ports, ports);
+    QFETCH(QString, option);
+    SimulatedTerminal terminal;
+    Testbed testbed(ports);
+    testbed.connect(1, terminal);
+    const Run run = testbed.start({option.arg(portName(1))}).finish();
+    QCOMPARE(run.output, identificationOn(portName(1)));
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestDiscovery::anEmptyNameStartsNoSearch_data()
+{
+    QTest::addColumn<Ports>("ports");
+    portsRow("one terminal", {terminalPort(0, "1-1")});
+    portsRow("two terminals", {terminalPort(0, "1-1"), terminalPort(1, "1-2")});
+}
+
+void TestDiscovery::anEmptyNameStartsNoSearch()
+{
+    QFETCH(Ports, ports);
+    SimulatedTerminal terminal;
+    Testbed testbed(ports);
+    testbed.connect(0, terminal);
+    const Run run = testbed.start({QStringLiteral("-p"), QString()}).finish();
+    QCOMPARE(run.output, QByteArray("Serial port is not selected\n"));
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(terminal.requests(), QByteArrayList());
+}
+
+void TestDiscovery::aWindowThatTheUserWantsIsWaitedFor()
+{
+    const Testbed testbed({terminalPort(0, "1-1"), terminalPort(1, "1-2")});
+    const Run run = testbed.start({}, {QStringLiteral("QT_QPA_PLATFORM=offscreen")}).finish(2s);
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.code, -2); // what is on standard error is a remark of the framework on its own plugin
+}
+
+void TestDiscovery::withoutOptionsOnlyTheLogIsSwitchedOn()
+{
+    SimulatedTerminal terminal;
+    Testbed testbed({terminalPort(0, "1-1")});
+    testbed.connect(0, terminal);
+    QCOMPARE(testbed.start().finish().code, 0);
+    QCOMPARE(terminal.requests().mid(3), QByteArrayList{log_mask_request});
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestDiscovery::withoutAKindTheUserFirmwareIsMeant_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("-r") << words("-r") << QByteArrayLiteral("Reading file 'user-firmware' ...\n");
+    QTest::newRow("-w") << words("-w") << QByteArrayLiteral("Writing file '%1' to 'user-firmware' ...\n");
+    QTest::newRow("-w -a") << words("-w -a") << QByteArrayLiteral("Apply file 'user-firmware' ...\n");
+}
+
+void TestDiscovery::withoutAKindTheUserFirmwareIsMeant()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QByteArray, line);
+    SimulatedTerminal terminal;
+    Testbed testbed({terminalPort(0, "1-1")});
+    testbed.connect(0, terminal);
+    const QString local = localFile(testbed);
+    const Run run = testbed.start(options + QStringList{local}).finish();
+    line.replace("%1", local.toLocal8Bit());
+    QVERIFY2(run.output.startsWith(identificationOn(portName(0))), run.output.constData());
+    QVERIFY2(run.output.contains('\n' + line), run.output.constData());
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestDiscovery::aTerminalThatRestartsComesBackToItsPort_data()
+{
+    QTest::addColumn<bool>("listed");
+    QTest::newRow("listed all the time") << true;
+    QTest::newRow("not listed meanwhile") << false;
+}
+
+void TestDiscovery::aTerminalThatRestartsComesBackToItsPort()
+{
+    QFETCH(bool, listed);
+    SimulatedTerminal terminal({QStringLiteral("--restart"), QStringLiteral("2")});
+    Testbed testbed({terminalPort(0, "1-1"), other_product});
+    testbed.connect(0, terminal);
+    const QString local = localFile(testbed);
+    Tool tool = testbed.start(words("-w -a -f settings") + QStringList{local});
+    QVERIFY(tool.waitForOutput("Waiting device"));
+    QTRY_VERIFY(!terminal.isPlugged());
+    if (!listed)
+        testbed.withdraw(0);
+    QTRY_VERIFY(terminal.isPlugged());
+    if (!listed)
+        testbed.restore(0);
+    const Run run = tool.finish();
+    const QByteArray port = portName(0).toLatin1();
+    QCOMPARE(run.output,
+        identificationOn(portName(0)) + "Writing file '" + local.toLocal8Bit()
+            + "' to 'settings' ...\n\r100% completed (9/9)\n\nApply file 'settings' ...\nCompleted\n\n"
+            + "Serial port closed: " + port + "\nWaiting device ...\n\rSerial port open: " + port + "\n\n");
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.requests().constLast(), log_mask_request);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+QTEST_GUILESS_MAIN(TestDiscovery)
+#include "tst_discovery.moc"
