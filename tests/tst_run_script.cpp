@@ -1,0 +1,255 @@
+#include "testbed.h"
+
+#include <QRegularExpression>
+
+/// ./run: the tool, on a simulated terminal where none is attached and no port is named.
+class TestRunScript : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void anAttachedTerminalIsUsed();
+    void anAttachedTerminalGetsTheOptionsAsTheyAre_data();
+    void anAttachedTerminalGetsTheOptionsAsTheyAre();
+    void theExitCodeIsThatOfTheTool();
+    void aForeignDeviceIsNoTerminal();
+    void withoutATerminalASimulatedOneIsUsed_data();
+    void withoutATerminalASimulatedOneIsUsed();
+    void aNamedPortIsLeftAlone_data();
+    void aNamedPortIsLeftAlone();
+    void standardInputIsTheCallers();
+    void theSimulatedTerminalEndsWithTheTool_data();
+    void theSimulatedTerminalEndsWithTheTool();
+};
+
+namespace {
+
+const QString script = QStringLiteral(JVX_SOURCE_DIRECTORY "/run");
+
+enum class End { ByItself, InterruptOfAll, KillOfTheTool };
+
+/// The words of a line, in which '' stands for an empty one.
+QStringList words(const char *line)
+{
+    return QString::fromUtf8(line)
+        .split(QLatin1Char(' '), Qt::SkipEmptyParts)
+        .replaceInStrings(QStringLiteral("''"), QString());
+}
+
+QTestData &optionsRow(const char *line)
+{
+    return QTest::newRow(line) << words(line);
+}
+
+/// The simulated terminal's port, as the script announces it on standard error in one line; empty if it does not.
+QString announcedPort(const QByteArray &errors)
+{
+    static const QRegularExpression announcement(
+        QStringLiteral("^No terminal is attached: using a simulated one, (\\S+)\\n$"),
+        QRegularExpression::DontCaptureOption);
+    static const QRegularExpression port(QStringLiteral("(?<=, )\\S+"));
+    const QString text = QString::fromLocal8Bit(errors);
+    return announcement.match(text).hasMatch() ? port.match(text).captured() : QString();
+}
+
+/// The tool that runs on the simulated terminal's \a port, which is named after it.
+pid_t processOn(const QString &port)
+{
+    return port.section(QLatin1Char('-'), -1).toInt();
+}
+
+/// The processes that have \a text in their command line, but for those that only wait to be reaped.
+QList<pid_t> processesWith(const QByteArray &text)
+{
+    QList<pid_t> processes;
+    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        QFile command_line(QStringLiteral("/proc/%1/cmdline").arg(entry));
+        if (entry.toInt() > 0 && command_line.open(QIODevice::ReadOnly) && command_line.readAll().contains(text))
+            processes += entry.toInt();
+    }
+    return processes;
+}
+
+/// Whether anything is left of the simulated terminal on \a port: its process, its link or the pipe that it waits at.
+bool isGone(const QString &port)
+{
+    const QFileInfo link(port);
+    return processesWith(port.toLocal8Bit()).isEmpty()
+        && link.dir().entryList({link.fileName() + QLatin1Char('*')}, QDir::AllEntries | QDir::System).isEmpty();
+}
+
+/// Where a run writes files that are named without a directory.
+class WorkingDirectory {
+public:
+    WorkingDirectory() { QDir::setCurrent(_directory.path()); }
+    ~WorkingDirectory() { QDir::setCurrent(_before); }
+
+    WorkingDirectory(const WorkingDirectory &) = delete;
+    WorkingDirectory &operator=(const WorkingDirectory &) = delete;
+
+    QStringList files() const { return QDir(_directory.path()).entryList(QDir::Files); }
+
+private:
+    const QString _before = QDir::currentPath();
+    const QTemporaryDir _directory;
+};
+
+} // namespace
+
+void TestRunScript::anAttachedTerminalIsUsed()
+{
+    SimulatedTerminal terminal;
+    Testbed testbed({terminalPort(0, "1-1")});
+    testbed.connect(0, terminal);
+    const Run run = testbed.start({}, {}, script).finish();
+    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run.output, identificationOn(portName(0)));
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("line");
+    optionsRow("-r") << 256 - 101 << QByteArrayLiteral("File name not specified\n");
+    optionsRow("-f 12") << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-f ''") << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-p ''") << 256 - 103 << QByteArrayLiteral("Serial port is not selected\n");
+    optionsRow("-l -") << 256 - 106 << QByteArrayLiteral("Invalid log mask\n");
+    optionsRow("--version") << 0 << QByteArrayLiteral("JVX file loader 0.0.8\n");
+    for (const char *name : {"a  b", "$HOME", "*", "\"", "'", "\\n", "%s", "`id`", "a\nb"})
+        QTest::newRow(name) << QStringList{QStringLiteral("-r"), QString::fromLatin1(name)} << 0
+                            << "\nFile saved to '" + QByteArray(name) + "'\n";
+}
+
+void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre()
+{
+    QFETCH(QStringList, options);
+    const WorkingDirectory here;
+    SimulatedTerminal terminal;
+    Testbed testbed({terminalPort(0, "1-1")});
+    testbed.connect(0, terminal);
+    const Run run = testbed.start(options, {}, script).finish();
+    QCOMPARE(run.errors, QByteArray());
+    QTEST(run.code, "code");
+    QFETCH(QByteArray, line);
+    QVERIFY2(run.output.endsWith(line), run.output.constData());
+}
+
+void TestRunScript::theExitCodeIsThatOfTheTool()
+{
+    SimulatedTerminal terminal({QStringLiteral("--silent"), QStringLiteral("V")});
+    Testbed testbed({terminalPort(0, "1-1")});
+    testbed.connect(0, terminal);
+    QCOMPARE(testbed.start({}, {}, script).finish().code, 255);
+}
+
+void TestRunScript::aForeignDeviceIsNoTerminal()
+{
+    const Testbed testbed({{0, "1-1", "03eb", "6125"}, {1, "1-2", "03ec", "6124"}, {2, "1-3", "103eb", "61240"}});
+    const Run run = testbed.start({}, {}, script).finish();
+    const QString port = announcedPort(run.errors);
+    QVERIFY2(!port.isEmpty(), run.errors.constData());
+    QCOMPARE(run.output, identificationOn(port));
+    QCOMPARE(run.code, 0);
+}
+
+void TestRunScript::withoutATerminalASimulatedOneIsUsed_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("end");
+    QTest::newRow("no options") << QStringList() << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
+    for (const char *line : {"-f p", "-fp", "-f=p", "--file p", "--file=p", "-f -p", "--file --port", "-mf p", "-mfp"})
+        optionsRow(line) << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    for (const char *line : {"-l p", "-lp", "-l=p", "--log p", "--log=p", "-l -p", "--log -p", "-ml p", "-rl p name"})
+        optionsRow(line) << 256 - 106 << QByteArrayLiteral("Invalid log mask\n");
+    for (const char *line : {"-- -p x", "-- --port=x", "- p", "p", "port x", "-f 1 -- -px"})
+        optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
+    optionsRow("-r -- -p") << 0 << QByteArrayLiteral("\nFile saved to '-p'\n");
+    optionsRow("-r -f settings p") << 0 << QByteArrayLiteral("\nFile saved to 'p'\n");
+    optionsRow("-w") << 256 - 101 << QByteArrayLiteral("File name not specified\n");
+}
+
+void TestRunScript::withoutATerminalASimulatedOneIsUsed()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QByteArray, end);
+    const WorkingDirectory here;
+    const Run run = Testbed().start(options, {}, script).finish();
+    const QString port = announcedPort(run.errors);
+    QVERIFY2(!port.isEmpty(), run.errors.constData());
+    QVERIFY2(run.output == end || run.output.startsWith(identificationOn(port).chopped(1)), run.output.constData());
+    QVERIFY2(run.output.endsWith(end), run.output.constData());
+    QTEST(run.code, "code");
+    QTRY_VERIFY(isGone(port));
+}
+
+void TestRunScript::aNamedPortIsLeftAlone_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("output");
+    for (const char *line :
+        {"-p X", "-pX", "-p=X", "--port X", "--port=X", "-mp X", "-mpX", "-mp=X", "-rp X name", "-r name -p X",
+            "name -p X", "-f 1 -p X", "-f1 -pX", "-l -1 -p X", "--file 1 --port X", "--log 0 -p X", "-amrpX name"})
+        optionsRow(line) << QByteArrayLiteral("Failed to open serial port X: No such file or directory\n");
+    optionsRow("-f -- -p X") << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-f -p --port X") << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-l -p -p X") << QByteArrayLiteral("Invalid log mask\n");
+    optionsRow("-p --") << QByteArrayLiteral("Failed to open serial port --: No such file or directory\n");
+    optionsRow("--port=") << QByteArrayLiteral("Serial port is not selected\n");
+}
+
+void TestRunScript::aNamedPortIsLeftAlone()
+{
+    QFETCH(QStringList, options);
+    const Run run = Testbed().start(options, {}, script).finish();
+    QCOMPARE(run.errors, QByteArray());
+    QTEST(run.output, "output");
+}
+
+void TestRunScript::standardInputIsTheCallers()
+{
+    const Testbed testbed;
+    const QString input = testbed.path(QStringLiteral("ports.umockdev"));
+    Tool tool = testbed.start(
+        {QStringLiteral("-c"), QStringLiteral("exec \"$0\" -m <\"$1\""), script, input}, {}, QStringLiteral("sh"));
+    QVERIFY(tool.waitForOutput("IMEI"));
+    const pid_t process = processOn(announcedPort(tool.process().readAllStandardError()));
+    QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/0").arg(process)), input);
+    ::kill(process, SIGTERM);
+    tool.finish();
+}
+
+void TestRunScript::theSimulatedTerminalEndsWithTheTool_data()
+{
+    QTest::addColumn<End>("end");
+    QTest::newRow("by itself") << End::ByItself;
+    QTest::newRow("Ctrl+C") << End::InterruptOfAll;
+    QTest::newRow("tool killed") << End::KillOfTheTool;
+}
+
+void TestRunScript::theSimulatedTerminalEndsWithTheTool()
+{
+    QFETCH(End, end);
+    const Testbed testbed;
+    const QStringList options = end == End::ByItself ? QStringList() : QStringList{QStringLiteral("-m")};
+    Tool tool = testbed.start(options, {}, script);
+    QVERIFY(tool.waitForOutput("IMEI"));
+    tool.process().waitForReadyRead(0);
+    const QString port = announcedPort(tool.process().readAllStandardError());
+    QVERIFY(!port.isEmpty());
+    if (end == End::InterruptOfAll)
+        tool.signalAll(SIGINT);
+    else if (end == End::KillOfTheTool)
+        ::kill(processOn(port), SIGKILL);
+    const Run run = tool.finish();
+    QVERIFY(run.code != -2);
+    QCOMPARE(run.code == 0, end == End::ByItself);
+    QCOMPARE(run.errors, QByteArray());
+    QTRY_VERIFY(isGone(port));
+}
+
+QTEST_GUILESS_MAIN(TestRunScript)
+#include "tst_run_script.moc"
