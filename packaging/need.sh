@@ -24,5 +24,5 @@ need()
 
 need_for_build()
 {
-    need g++ cmake ninja-build qt6-base-dev qt6-serialport-dev zlib1g-dev
+    need g++ cmake ninja-build qt6-base-dev qt6-serialport-dev libxcb1-dev zlib1g-dev
 }
