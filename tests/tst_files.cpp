@@ -1,6 +1,5 @@
 #include "harness.h"
 
-#include <QRandomGenerator>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -51,30 +50,11 @@ private:
     static void addSizes();
 };
 
+using files::content;
+using files::sample;
+using files::store;
+
 namespace {
-
-/// Bytes that a mix-up of any two pieces would change; the same for the same size.
-QByteArray content(qsizetype size)
-{
-    QRandomGenerator generator(static_cast<quint32>(size) + 1);
-    QByteArray bytes(size, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(generator.bounded(256));
-    return bytes;
-}
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("(no file)");
-}
-
-void writeAll(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(bytes), bytes.size());
-}
 
 /// The progress of a file of \a size bytes that moves in pieces of \a piece bytes.
 QByteArray progress(qint64 size, qint64 piece = 512)
@@ -90,19 +70,9 @@ QByteArray progress(qint64 size, qint64 piece = 512)
     }
 }
 
-struct Directory {
-    QTemporaryDir _files;
-};
-
-/// A terminal whose files are in a directory.
-struct FileTerminal : private Directory, public SimulatedTerminal {
-    explicit FileTerminal(const QStringList &options = {})
-        : SimulatedTerminal(QStringList{QStringLiteral("--files"), _files.path()} + options)
-    {
-    }
-
-    /// The path of the terminal's own file with this key.
-    QString own(const QString &key) const { return _files.filePath(key); }
+/// A terminal whose files are in a directory, and what the tool says to it.
+struct FileTerminal : FilingTerminal {
+    using FilingTerminal::FilingTerminal;
 
     Run run(const QStringList &arguments) const
     {
@@ -138,14 +108,14 @@ void TestFiles::aFileIsReadWhole()
 {
     QFETCH(qsizetype, size);
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("settings")), content(size));
+    store(terminal.own(QStringLiteral("settings")), sample(size));
     const QString local = terminal.path(QStringLiteral("local.bin"));
 
     const Run run = terminal.run(words("-r -f settings") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + "Reading file 'settings' ...\n" + progress(size) + saved(local));
     QCOMPARE(run.errors, QByteArray());
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), content(size));
+    QCOMPARE(content(local), sample(size));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
@@ -154,13 +124,13 @@ void TestFiles::aFileIsWrittenWhole()
     QFETCH(qsizetype, size);
     FileTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, content(size));
+    store(local, sample(size));
 
     const Run run = terminal.run(words("-w -f can-scripts") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + writing(local, "can-scripts") + progress(size) + "\n\n");
     QCOMPARE(run.errors, QByteArray());
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(terminal.own(QStringLiteral("can-scripts"))), content(size));
+    QCOMPARE(content(terminal.own(QStringLiteral("can-scripts"))), sample(size));
     QCOMPARE(terminal.requests().constLast(), QByteArray("2a214c4f4700400000")); // the log mask comes last
     QCOMPARE(terminal.finish(), QByteArray());
 }
@@ -169,7 +139,7 @@ void TestFiles::theProgressIsRewrittenInPlace()
 {
     FileTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, content(1300));
+    store(local, sample(1300));
     const Run run = terminal.run(words("-w -f settings") + QStringList{local});
     QCOMPARE(run.output,
         identificationOn(terminal) + writing(local, "settings")
@@ -225,12 +195,12 @@ void TestFiles::aFileOfEveryKindIsRead()
     QFETCH(QByteArray, key);
     QFETCH(QByteArray, request);
     FileTerminal terminal;
-    writeAll(terminal.own(QString::fromLatin1(key)), "of " + key);
+    store(terminal.own(QString::fromLatin1(key)), "of " + key);
     const QString local = terminal.path(QStringLiteral("local.bin"));
     const Run run = terminal.run({QStringLiteral("-r"), QStringLiteral("-f"), kind, local});
     QVERIFY2(run.output.contains("\nReading file '" + key + "' ...\n"), run.output.constData());
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), "of " + key);
+    QCOMPARE(content(local), "of " + key);
     QCOMPARE(terminal.requests().value(3), request);
     QCOMPARE(terminal.finish(), QByteArray());
 }
@@ -238,20 +208,20 @@ void TestFiles::aFileOfEveryKindIsRead()
 void TestFiles::theDefaultKindIsUserFirmware()
 {
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("user-firmware")), "the user's");
+    store(terminal.own(QStringLiteral("user-firmware")), "the user's");
     const QString local = terminal.path(QStringLiteral("local.bin"));
     QCOMPARE(terminal.run({QStringLiteral("-r"), local, QStringLiteral("ignored")}).code, 0);
-    QCOMPARE(readAll(local), QByteArray("the user's"));
+    QCOMPARE(content(local), QByteArray("the user's"));
 }
 
 void TestFiles::savingOverALongerFileLeavesTheBytesRead()
 {
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("settings")), "short");
+    store(terminal.own(QStringLiteral("settings")), "short");
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, content(5000));
+    store(local, sample(5000));
     QCOMPARE(terminal.run(words("-r -f settings") + QStringList{local}).code, 0);
-    QCOMPARE(readAll(local), QByteArray("short"));
+    QCOMPARE(content(local), QByteArray("short"));
 }
 
 void TestFiles::announcedSizes_data()
@@ -282,36 +252,36 @@ void TestFiles::announcedSizes()
     QFETCH(qsizetype, received);
     QFETCH(QByteArray, lines);
     FileTerminal terminal({QStringLiteral("--announce"), announced});
-    writeAll(terminal.own(QStringLiteral("epo")), content(size));
+    store(terminal.own(QStringLiteral("epo")), sample(size));
     const QString local = terminal.path(QStringLiteral("local.bin"));
     const Run run = terminal.run(words("-r -f epo") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + "Reading file 'epo' ...\n" + lines + saved(local));
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), content(size).first(received));
+    QCOMPARE(content(local), sample(size).first(received));
 }
 
 void TestFiles::piecesLargerThanAskedForAreTaken()
 {
     FileTerminal terminal({QStringLiteral("--piece"), QStringLiteral("600")});
-    writeAll(terminal.own(QStringLiteral("epo")), content(1300));
+    store(terminal.own(QStringLiteral("epo")), sample(1300));
     const QString local = terminal.path(QStringLiteral("local.bin"));
     const Run run = terminal.run(words("-r -f epo") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + "Reading file 'epo' ...\n" + progress(1300, 600) + saved(local));
-    QCOMPARE(readAll(local), content(1300));
+    QCOMPARE(content(local), sample(1300));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
 void TestFiles::readingExcludesWriting()
 {
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("settings")), "the terminal's");
+    store(terminal.own(QStringLiteral("settings")), "the terminal's");
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "the user's");
+    store(local, "the user's");
     const Run run = terminal.run(words("-w -r -a -f settings") + QStringList{local});
     QVERIFY(run.output.endsWith(saved(local)));
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), QByteArray("the terminal's"));
-    QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), QByteArray("the terminal's"));
+    QCOMPARE(content(local), QByteArray("the terminal's"));
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), QByteArray("the terminal's"));
     QCOMPARE(terminal.requests().size(), 3 + 1 + 1);
 }
 
@@ -326,11 +296,11 @@ void TestFiles::oddPathsComeOutUnchanged()
 {
     QFETCH(QString, name);
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("settings")), "text");
+    store(terminal.own(QStringLiteral("settings")), "text");
     const QString local = terminal.path(name);
     const Run read = terminal.run(words("-r -f settings") + QStringList{local});
     QVERIFY2(read.output.endsWith(saved(local)), read.output.constData());
-    QCOMPARE(readAll(local), QByteArray("text"));
+    QCOMPARE(content(local), QByteArray("text"));
     const Run write = terminal.run(words("-w -f settings") + QStringList{local});
     QVERIFY2(write.output.contains("\n" + writing(local, "settings")), write.output.constData());
     const QString missing = terminal.path(QStringLiteral("no/") + name);
@@ -375,14 +345,14 @@ void TestFiles::aRefusedReadLeavesTheLocalFileAlone()
     QFETCH(QByteArray, lines);
     QFETCH(int, code);
     FileTerminal terminal({QStringLiteral("--status"), refusal});
-    writeAll(terminal.own(QStringLiteral("settings")), content(1300));
+    store(terminal.own(QStringLiteral("settings")), sample(1300));
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "old");
+    store(local, "old");
     const Run run = terminal.run(words("-r -f settings") + QStringList{local});
     QCOMPARE(run.output,
         identificationOn(terminal) + "Reading file 'settings' ...\n" + lines + "\n\nError: " + printed + "\n");
     QCOMPARE(run.code, code);
-    QCOMPARE(readAll(local), QByteArray("old"));
+    QCOMPARE(content(local), QByteArray("old"));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
@@ -398,27 +368,27 @@ void TestFiles::aRefusedWriteLeavesTheOldFileAlone()
     QFETCH(QByteArray, lines);
     QFETCH(int, code);
     FileTerminal terminal({QStringLiteral("--status"), refusal});
-    writeAll(terminal.own(QStringLiteral("settings")), "old");
+    store(terminal.own(QStringLiteral("settings")), "old");
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, content(1300));
+    store(local, sample(1300));
     const Run run = terminal.run(words("-w -a -f settings") + QStringList{local});
     QCOMPARE(
         run.output, identificationOn(terminal) + writing(local, "settings") + lines + "\n\nError: " + printed + "\n");
     QCOMPARE(run.code, code);
-    QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
 void TestFiles::aStatusOfZeroReadsAsNoError()
 {
     FileTerminal terminal({QStringLiteral("--status"), QStringLiteral("FR:2=00")});
-    writeAll(terminal.own(QStringLiteral("settings")), content(1300));
+    store(terminal.own(QStringLiteral("settings")), sample(1300));
     const QString local = terminal.path(QStringLiteral("local.bin"));
     const Run run = terminal.run(words("-r -f settings") + QStringList{local});
     QCOMPARE(run.output,
         identificationOn(terminal) + "Reading file 'settings' ...\n\r39% completed (512/1300)" + saved(local));
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), QByteArray()); // the error decides, and what came before it is dropped
+    QCOMPARE(content(local), QByteArray()); // the error decides, and what came before it is dropped
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
@@ -439,12 +409,12 @@ void TestFiles::anAnswerForAnotherKindIsIgnored()
     FileTerminal terminal({QStringLiteral("--foreign"), foreign});
     const QString local = terminal.path(QStringLiteral("local.bin"));
     for (const QString &path : {local, terminal.own(QStringLiteral("settings"))})
-        writeAll(path, content(1300));
+        store(path, sample(1300));
     const Run run = terminal.run({option, QStringLiteral("-f"), QStringLiteral("settings"), local});
     QVERIFY2(run.output.contains(progress(1300)), run.output.constData());
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(local), content(1300));
-    QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), content(1300));
+    QCOMPARE(content(local), sample(1300));
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), sample(1300));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
@@ -463,21 +433,21 @@ void TestFiles::aSilentTerminalTimesOut()
     QFETCH(QString, option);
     QFETCH(int, time);
     FileTerminal terminal({QStringLiteral("--silent"), key});
-    writeAll(terminal.own(QStringLiteral("settings")), "old");
+    store(terminal.own(QStringLiteral("settings")), "old");
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "new");
+    store(local, "new");
     const Run run = terminal.run({option, QStringLiteral("-f"), QStringLiteral("settings"), local});
     QVERIFY2(run.output.endsWith(" ...\n\n\nError: Timeout(-1)\n"), run.output.constData());
     QCOMPARE(run.code, 255);
     QVERIFY(run.milliseconds >= time);
-    QCOMPARE(readAll(local), QByteArray("new"));
-    QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
+    QCOMPARE(content(local), QByteArray("new"));
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
 }
 
 void TestFiles::aPathThatCannotBeSavedToEndsTheRun()
 {
     FileTerminal terminal;
-    writeAll(terminal.own(QStringLiteral("settings")), content(100));
+    store(terminal.own(QStringLiteral("settings")), sample(100));
     const QString local = terminal.path(QStringLiteral("no such directory/local.bin"));
     const Run run = terminal.run(words("-r -f settings") + QStringList{local});
     QCOMPARE(run.output,
@@ -522,11 +492,11 @@ void TestFiles::fewerBytesAcceptedThanSentAreSentAgain()
 {
     FileTerminal terminal({QStringLiteral("--accept"), QStringLiteral("200")});
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, content(1300));
+    store(local, sample(1300));
     const Run run = terminal.run(words("-w -f settings") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + writing(local, "settings") + progress(1300, 200) + "\n\n");
     QCOMPARE(run.code, 0);
-    QCOMPARE(readAll(terminal.own(QStringLiteral("settings"))), content(1300));
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), sample(1300));
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
@@ -534,7 +504,7 @@ void TestFiles::anApplyCarriesTheChecksum()
 {
     FileTerminal terminal({QStringLiteral("--status"), QStringLiteral("FU:1=05")});
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "123456789");
+    store(local, "123456789");
     const Run run = terminal.run(words("-w -a -f keys") + QStringList{local});
     // 0xCBF43926, the check value of CRC-32
     QCOMPARE(terminal.requests().constLast(),
@@ -552,7 +522,7 @@ void TestFiles::aRefusedApplyEndsTheRun()
     // Firmware is excused only for not answering.
     FileTerminal terminal({QStringLiteral("--status"), QStringLiteral("FU:1=30")});
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "new");
+    store(local, "new");
     const Run run = terminal.run(words("-w -a -f firmware") + QStringList{local});
     QVERIFY2(run.output.endsWith("\n\nApply file 'firmware' ...\nError: 48\n"), run.output.constData());
     QCOMPARE(run.code, 48);
@@ -562,7 +532,7 @@ void TestFiles::anApplyWithoutAnswerEndsTheRun()
 {
     FileTerminal terminal({QStringLiteral("--silent"), QStringLiteral("FU")});
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, "new");
+    store(local, "new");
     const Run run = terminal.run(words("-w -a -f settings") + QStringList{local});
     QVERIFY2(run.output.endsWith("\n\nApply file 'settings' ...\nError: Timeout(-1)\n"), run.output.constData());
     QCOMPARE(run.code, 255);
@@ -572,7 +542,7 @@ void TestFiles::aFileWithChecksumZeroIsNotApplied()
 {
     FileTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    writeAll(local, QByteArray::fromHex("9d0ad96d")); // zlib: crc32() of these four bytes is 0
+    store(local, QByteArray::fromHex("9d0ad96d")); // zlib: crc32() of these four bytes is 0
     const Run run = terminal.run(words("-w -a -f settings") + QStringList{local});
     QCOMPARE(run.output, identificationOn(terminal) + writing(local, "settings") + progress(4) + "\n\n");
     QCOMPARE(run.code, 0);
