@@ -128,6 +128,7 @@ private Q_SLOTS:
     void aMisuseIsExplainedOnStandardError();
     void theSurroundingsMakeNoDifference_data();
     void theSurroundingsMakeNoDifference();
+    void theFrameworkMayBeDebugged();
     void aFullDiskBehindTheOutputIsIgnored();
 };
 
@@ -397,6 +398,14 @@ void CommandLineTest::theSurroundingsMakeNoDifference()
     QCOMPARE(run(words("-r"), changes), exits(155, "File name not specified\n"));
     QCOMPARE(run(words("--version"), changes), exits(0, "JVX file loader 0.0.8\n"));
     QCOMPARE(run(words("--help"), changes), exits(0, run(words("--help")).output));
+}
+
+// Remarks of the framework stay away from standard error, but not what somebody asks it for.
+void CommandLineTest::theFrameworkMayBeDebugged()
+{
+    const Run debugged = run(words("--version"), {{QStringLiteral("QT_DEBUG_PLUGINS"), QStringLiteral("1")}});
+    QCOMPARE(debugged.output, QByteArray("JVX file loader 0.0.8\n"));
+    QVERIFY(debugged.error.contains("qt.core.plugin"));
 }
 
 void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()

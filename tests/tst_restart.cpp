@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <unistd.h>
+#include <vector>
 
 /// A terminal restarts after a file was applied, and the tool waits for it; both are processes of their own.
 class TestRestart : public QObject {
@@ -46,6 +48,30 @@ QByteArray reopened(const SimulatedTerminal &terminal)
 {
     return "\rSerial port open: " + terminal.port().toLocal8Bit() + "\n\n";
 }
+
+/// Takes pseudo-terminals until it has the one that \a path has named, which has become free, or until \a isTooLate.
+class PseudoTerminalSquatter {
+public:
+    PseudoTerminalSquatter(const QString &path, const std::function<bool()> &isTooLate)
+    {
+        for (QByteArray taken; taken != path.toLocal8Bit() && !isTooLate(); QTest::qSleep(5)) {
+            _masters.push_back(::posix_openpt(O_RDWR | O_NOCTTY));
+            taken = ::ptsname(_masters.back());
+        }
+    }
+
+    ~PseudoTerminalSquatter()
+    {
+        for (const int master : _masters)
+            ::close(master);
+    }
+
+    PseudoTerminalSquatter(const PseudoTerminalSquatter &) = delete;
+    PseudoTerminalSquatter &operator=(const PseudoTerminalSquatter &) = delete;
+
+private:
+    std::vector<int> _masters;
+};
 
 const QByteArray log_mask_request = "2a214c4f4700400000";
 
@@ -95,10 +121,9 @@ void TestRestart::theTerminalComesBackUnderAnotherNode()
     Tool tool(apply(terminal, "settings"));
     QVERIFY(tool.waitForOutput("Waiting device"));
     QTRY_VERIFY(!terminal.isPlugged());
-    const int squatter = ::posix_openpt(O_RDWR | O_NOCTTY); // takes the number that has become free
+    const PseudoTerminalSquatter squatter(before, [&terminal] { return terminal.isPlugged(); });
     const Run run = tool.finish();
     const QString after = QFileInfo(terminal.port()).symLinkTarget();
-    ::close(squatter);
     QVERIFY2(before != after, qPrintable(after));
     QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
     QCOMPARE(run.code, 0);
