@@ -158,8 +158,16 @@ void Device::closeSerialPort()
     if (!_port->isOpen())
         return;
     disconnect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
+    sendRest();
     _port->close();
     StdOutput() << tr("Serial port closed: %1").arg(_port->portName());
+}
+
+/// Sends what waits for the next turn of the event loop: a request whose answer was there before it.
+void Device::sendRest()
+{
+    if (_port->isOpen())
+        _port->flush();
 }
 
 void Device::onErrorOccured(const QString &error_text)
@@ -226,6 +234,7 @@ void Device::quit(int code)
     _finished = true;
     // A port that was unplugged goes on reporting errors until it is closed.
     disconnect(_protocol, nullptr, this, nullptr);
+    sendRest();
     QCoreApplication::exit(code);
 }
 

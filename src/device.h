@@ -99,6 +99,7 @@ private:
     void applyFile();
     void setLog();
     void startTryOpenSerialPort();
+    void sendRest();
     void end(int code, const QString &text);
     void end(jvxb::Error error);
     void endWithFileError(const QFile &file);

@@ -20,6 +20,7 @@ private Q_SLOTS:
     void aDirectoryIsNotOpened();
     void aPortNameWithAPlaceholderComesOutUnchanged();
     void applyWithoutWriteIsDropped();
+    void aRequestAnsweredBeforehandIsSentAllTheSame();
 };
 
 void TestIdentification::aRunPrintsTheIdentificationSetsTheMaskAndExits()
@@ -224,6 +225,21 @@ void TestIdentification::applyWithoutWriteIsDropped()
     QCOMPARE(run.code, 0);
     QCOMPARE(terminal.requests().size(), 4);
     QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestIdentification::aRequestAnsweredBeforehandIsSentAllTheSame()
+{
+    PlainTerminal terminal;
+    Tool tool({QStringLiteral("-p"), terminal.port()});
+    QCOMPARE(terminal.request(), QByteArray("*?V"));
+    terminal.send(
+        packets::software_answer + packets::hardware_answer + packets::serial_number_answer + packets::mask_answer);
+    const Run run = tool.finish();
+    QCOMPARE(run.output, plainIdentification(terminal).join());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.request(), QByteArray("*?H"));
+    QCOMPARE(terminal.request(), QByteArray("*?S"));
+    QCOMPARE(terminal.request(), QByteArray("*!LOG\0\x40\0\0", 9));
 }
 
 QTEST_GUILESS_MAIN(TestIdentification)

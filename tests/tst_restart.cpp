@@ -18,6 +18,7 @@ private Q_SLOTS:
     void theCountdownIsShownUntilTheTerminalComesBack();
     void theTerminalComesBackUnderAnotherNode();
     void halfAPacketFromBeforeTheRestartIsForgotten();
+    void anApplyAnsweredBeforehandIsSentAllTheSame();
     void firmwareThatRestartsUnansweredIsWaitedFor();
     void firmwareThatVanishesAtOnceIsAPortError();
     void aTerminalThatNeverComesBackEndsTheRun();
@@ -140,6 +141,25 @@ void TestRestart::halfAPacketFromBeforeTheRestartIsForgotten()
     QCOMPARE(run.code, 0);
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
     QCOMPARE(terminal.finish(), QByteArray());
+}
+
+void TestRestart::anApplyAnsweredBeforehandIsSentAllTheSame()
+{
+    PlainTerminal terminal;
+    const QTemporaryDir directory;
+    const QString local = directory.filePath(QStringLiteral("local.bin"));
+    files::store(local, "123456789");
+    Tool tool({QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-a"), QStringLiteral("-f"),
+        QStringLiteral("settings"), local});
+    for (int i = 0; i < 3; ++i)
+        terminal.send(terminal.answerTo(terminal.request()));
+    const QByteArray apply_request = QByteArray::fromHex("2a214655"
+                                                         "00"
+                                                         "00000000"
+                                                         "2639f4cb");
+    terminal.send(terminal.answerTo(terminal.request()) + terminal.answerTo(apply_request));
+    QVERIFY(tool.waitForOutput("\nCompleted\n"));
+    QCOMPARE(terminal.request(), apply_request);
 }
 
 void TestRestart::firmwareThatRestartsUnansweredIsWaitedFor()
