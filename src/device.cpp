@@ -188,7 +188,7 @@ bool Device::start(const QString &port)
     _port->setPortName(port);
     _protocol = new Protocol(_port, this);
     if (!tryOpenSerialPort(false, false, 0)) {
-        StdOutput() << tr("Failed to open serial port %1: ").arg(port) << _port->errorString();
+        StdOutput() << tr("Failed to open serial port %1: ").arg(_port->portName()) << _port->errorString();
         return false;
     }
     readSoftVersion();
