@@ -18,7 +18,9 @@ private Q_SLOTS:
     void progress_data();
     void progress();
 
-    void openingAnOpenPortPrintsNothing();
+    void openingAnOpenPortPrintsAndSchedulesNothing();
+    void readingDropsTheWrite();
+    void applyWithoutWriteIsDropped();
     void noOperationStartsWhileThePortIsClosed();
     void closingAClosedPortPrintsNothing();
     void aFailedReopenIsSilentUnlessItEndsTheRun();
@@ -33,12 +35,15 @@ private Q_SLOTS:
     void recordsOfTheTextLogArePrinted();
     void recordsOfOtherLogsAreNotPrinted();
     void theToggleSwitchesTheLogOffAndOn();
+    void theToggleGoesByTheMaskThatTheTerminalReported();
+    void aToggleDoesNotDoubleTheMonitor();
     void aToggleWithoutAnswerLeavesTheMaskAlone();
     void theInterruptHandlerTogglesFromTheEventLoop();
 
 private:
     bool start(const QStringList &options = {});
     void identify();
+    void monitor(const QStringList &options = {});
     int requestsWith(const QByteArray &key) const;
 
     std::unique_ptr<SimulatedTerminal> _terminal;
@@ -73,6 +78,15 @@ void TestDevice::identify()
 {
     QSignalSpy identified(_protocol, &jvxb::Protocol::serialNumberReaded);
     QTRY_COMPARE(identified.count(), 1);
+}
+
+/// Starts the controller on a new simulated terminal, and runs the event loop until it monitors the log.
+void TestDevice::monitor(const QStringList &options)
+{
+    _device->_log_monitor = true;
+    QVERIFY(start(options));
+    QSignalSpy enabled(_protocol, &jvxb::Protocol::logEnabled);
+    QTRY_COMPARE(enabled.count(), 1);
 }
 
 int TestDevice::requestsWith(const QByteArray &key) const
@@ -120,12 +134,35 @@ void TestDevice::progress()
     QCOMPARE(console.flushed(), printed + printed);
 }
 
-void TestDevice::openingAnOpenPortPrintsNothing()
+void TestDevice::openingAnOpenPortPrintsAndSchedulesNothing()
 {
-    QVERIFY(start());
+    _device->logEnable(0x4000);
+    QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
     const Capture console;
     QVERIFY(_device->tryOpenSerialPort(true, true, 60));
+    QTest::qWait(50);
     QCOMPARE(console.written(), QByteArray());
+    QCOMPARE(requestsWith("LOG"), 0);
+}
+
+void TestDevice::readingDropsTheWrite()
+{
+    const QTemporaryDir directory;
+    const QString local = directory.filePath(QStringLiteral("local.bin"));
+    _device->setWriteFile(File::Keys, local);
+    _device->setReadFile(File::Settings, local);
+    _device->logEnable(0x4000);
+    QVERIFY(start());
+    QCOMPARE(QCoreApplication::exec(), 0);
+    QVERIFY(requestsWith("FR") > 0);
+    QCOMPARE(requestsWith("FW"), 0);
+}
+
+void TestDevice::applyWithoutWriteIsDropped()
+{
+    _device->_apply_file = File::Settings;
+    QVERIFY(start());
+    QCOMPARE(_device->_apply_file, File::Unknown);
 }
 
 void TestDevice::closingAClosedPortPrintsNothing()
@@ -291,6 +328,28 @@ void TestDevice::theToggleSwitchesTheLogOffAndOn()
     const QByteArrayList masks = _terminal->requests().mid(3);
     QCOMPARE(masks,
         QByteArrayList({"2a214c4f4701000000", "2a214c4f4700000000", "2a214c4f4700400000", "2a214c4f4700000000"}));
+}
+
+void TestDevice::theToggleGoesByTheMaskThatTheTerminalReported()
+{
+    _device->logEnable(0);
+    monitor({QStringLiteral("--mask-reply"), QStringLiteral("1")});
+    _device->toggleLog();
+    QTRY_COMPARE(requestsWith("LOG"), 2);
+    QCOMPARE(_terminal->requests().constLast(), QByteArray("2a214c4f4700000000"));
+}
+
+void TestDevice::aToggleDoesNotDoubleTheMonitor()
+{
+    _device->logEnable(0x4000);
+    monitor();
+    QSignalSpy toggled(_protocol, &jvxb::Protocol::logEnabled);
+    _device->toggleLog();
+    QTRY_COMPARE(toggled.count(), 1);
+    const Capture console;
+    const QDateTime time(QDate(2026, 3, 1), QTime(14, 3, 27, 45));
+    Q_EMIT _protocol->logReceived(jvxb::Log{14}, 1, time, "abc");
+    QCOMPARE(console.flushed(), QByteArray("14:03:27 045 [1] abc\n"));
 }
 
 void TestDevice::aToggleWithoutAnswerLeavesTheMaskAlone()

@@ -31,6 +31,7 @@ private Q_SLOTS:
     void aRefusedWriteLeavesTheOldFileAlone_data();
     void aRefusedWriteLeavesTheOldFileAlone();
     void aStatusOfZeroReadsAsNoError();
+    void aStatusOfZeroCountsAsWritten();
     void anAnswerForAnotherKindIsIgnored_data();
     void anAnswerForAnotherKindIsIgnored();
     void aSilentTerminalTimesOut_data();
@@ -44,6 +45,7 @@ private Q_SLOTS:
     void anApplyCarriesTheChecksum();
     void aRefusedApplyEndsTheRun();
     void anApplyWithoutAnswerEndsTheRun();
+    void aFileWithChecksumZeroIsNotApplied_data();
     void aFileWithChecksumZeroIsNotApplied();
 
 private:
@@ -392,6 +394,20 @@ void TestFiles::aStatusOfZeroReadsAsNoError()
     QCOMPARE(terminal.finish(), QByteArray());
 }
 
+void TestFiles::aStatusOfZeroCountsAsWritten()
+{
+    FileTerminal terminal({QStringLiteral("--status"), QStringLiteral("FW:1=00")});
+    store(terminal.own(QStringLiteral("settings")), "old");
+    const QString local = terminal.path(QStringLiteral("local.bin"));
+    store(local, sample(1300));
+    const Run run = terminal.run(words("-w -f settings") + QStringList{local});
+    QCOMPARE(run.output, identificationOn(terminal) + writing(local, "settings") + "\n\n");
+    QCOMPARE(run.code, 0);
+    QCOMPARE(content(terminal.own(QStringLiteral("settings"))), QByteArray("old"));
+    QCOMPARE(terminal.requests().size(), 3 + 1 + 1);
+    QCOMPARE(terminal.finish(), QByteArray());
+}
+
 void TestFiles::anAnswerForAnotherKindIsIgnored_data()
 {
     QTest::addColumn<QString>("foreign");
@@ -538,13 +554,21 @@ void TestFiles::anApplyWithoutAnswerEndsTheRun()
     QCOMPARE(run.code, 255);
 }
 
+void TestFiles::aFileWithChecksumZeroIsNotApplied_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("9d0ad96d") << QByteArray::fromHex("9d0ad96d"); // zlib: crc32() of these four bytes is 0
+}
+
 void TestFiles::aFileWithChecksumZeroIsNotApplied()
 {
+    QFETCH(QByteArray, bytes);
     FileTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    store(local, QByteArray::fromHex("9d0ad96d")); // zlib: crc32() of these four bytes is 0
+    store(local, bytes);
     const Run run = terminal.run(words("-w -a -f settings") + QStringList{local});
-    QCOMPARE(run.output, identificationOn(terminal) + writing(local, "settings") + progress(4) + "\n\n");
+    QCOMPARE(run.output, identificationOn(terminal) + writing(local, "settings") + progress(bytes.size()) + "\n\n");
     QCOMPARE(run.code, 0);
     QCOMPARE(terminal.requests().size(), 3 + 1 + 1);
     QCOMPARE(terminal.finish(), QByteArray());

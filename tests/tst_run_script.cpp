@@ -170,6 +170,8 @@ void TestRunScript::withoutATerminalASimulatedOneIsUsed_data()
     optionsRow("-r -- -p") << 0 << QByteArrayLiteral("\nFile saved to '-p'\n");
     optionsRow("-r -f settings p") << 0 << QByteArrayLiteral("\nFile saved to 'p'\n");
     optionsRow("-w") << 256 - 101 << QByteArrayLiteral("File name not specified\n");
+    for (const char *line : {"-platform minimal", "--platform minimal", "-reverse", "-session p"})
+        optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
 }
 
 void TestRunScript::withoutATerminalASimulatedOneIsUsed()
@@ -199,6 +201,8 @@ void TestRunScript::aNamedPortIsLeftAlone_data()
     optionsRow("-l -p -p X") << QByteArrayLiteral("Invalid log mask\n");
     optionsRow("-p --") << QByteArrayLiteral("Failed to open serial port --: No such file or directory\n");
     optionsRow("--port=") << QByteArrayLiteral("Serial port is not selected\n");
+    for (const char *line : {"-v", "--version", "-mv", "-f p -v"})
+        optionsRow(line) << QByteArrayLiteral("JVX file loader 0.0.8\n");
 }
 
 void TestRunScript::aNamedPortIsLeftAlone()

@@ -239,7 +239,8 @@ void TestWindow::theWindowShowsThePromptAndTheCandidates()
     const ShownWindow window;
     QTRY_COMPARE(window.image(), expected.image);
     QCOMPARE(window.title(), QByteArray("JVX file loader"));
-    QVERIFY(window.image().save(QCoreApplication::applicationDirPath() + QStringLiteral("/port-selection.png")));
+    const QString picture = QStringLiteral("port-selection-%1.png").arg(QLatin1String(QTest::currentDataTag()));
+    QVERIFY(window.image().save(QCoreApplication::applicationDirPath() + QLatin1Char('/') + picture));
     window.hit(QStringLiteral("Escape"));
     QCOMPARE(tool.finish().code, 256 - 103);
 }
@@ -323,8 +324,13 @@ void TestWindow::nobodyIsAskedWithoutNeed_data()
 {
     QTest::addColumn<QList<FakedPort>>("ports");
     QTest::addColumn<QStringList>("options");
-    QTest::newRow("one terminal") << three_ports.first(1) << QStringList();
-    QTest::newRow("port named") << two_ports << QStringList{QStringLiteral("-p"), portName(0)};
+    QTest::addColumn<QByteArray>("output");
+    QTest::addColumn<int>("code");
+    const QByteArray identification = identificationOn(portName(0));
+    QTest::newRow("no terminal") << QList<FakedPort>() << QStringList() << QByteArray("Serial port is not selected\n")
+                                 << 256 - 103;
+    QTest::newRow("one terminal") << three_ports.first(1) << QStringList() << identification << 0;
+    QTest::newRow("port named") << two_ports << QStringList{QStringLiteral("-p"), portName(0)} << identification << 0;
 }
 
 void TestWindow::nobodyIsAskedWithoutNeed()
@@ -333,11 +339,12 @@ void TestWindow::nobodyIsAskedWithoutNeed()
     QFETCH(QStringList, options);
     SimulatedTerminal terminal;
     Testbed testbed(ports);
-    testbed.connect(0, terminal);
+    if (!ports.isEmpty())
+        testbed.connect(0, terminal);
     const Run run = testbed.start(options, onDisplay()).finish();
-    QCOMPARE(run.output, identificationOn(portName(0)));
+    QTEST(run.output, "output");
     QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QTEST(run.code, "code");
 }
 
 int main(int argc, char *argv[])
