@@ -234,12 +234,13 @@ Q_SIGNALS:
     /// \param sn the IMEI as the terminal wrote it
     void serialNumberReaded(jvxb::Error error, const QString &sn);
 
+    /// \param file kind of the file, as in all signals about files
     /// \param data the whole file
     void fileReaded(jvxb::Error error, File file, const QByteArray &data);
 
     /// A piece has come.
     /// \param size bytes received so far
-    /// \param full_size size of the file as the terminal announced it
+    /// \param full_size size of the file as the terminal announced it; of the last piece, the bytes of the whole file
     void fileReadingProgress(File file, int size, int full_size);
 
     /// The terminal has the whole file.

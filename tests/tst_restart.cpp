@@ -19,6 +19,7 @@ private Q_SLOTS:
     void theTerminalComesBackUnderAnotherNode();
     void halfAPacketFromBeforeTheRestartIsForgotten();
     void anApplyAnsweredBeforehandIsSentAllTheSame();
+    void aStatusOfZeroCountsAsApplied();
     void firmwareThatRestartsUnansweredIsWaitedFor();
     void firmwareThatVanishesAtOnceIsAPortError();
     void aTerminalThatNeverComesBackEndsTheRun();
@@ -160,6 +161,16 @@ void TestRestart::anApplyAnsweredBeforehandIsSentAllTheSame()
     terminal.send(terminal.answerTo(terminal.request()) + terminal.answerTo(apply_request));
     QVERIFY(tool.waitForOutput("\nCompleted\n"));
     QCOMPARE(terminal.request(), apply_request);
+}
+
+void TestRestart::aStatusOfZeroCountsAsApplied()
+{
+    SimulatedTerminal terminal({QStringLiteral("--status"), QStringLiteral("FU:1=00")});
+    const Run run = Tool(apply(terminal, "settings")).finish();
+    QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.requests().constLast(), log_mask_request);
+    QCOMPARE(terminal.finish(), QByteArray());
 }
 
 void TestRestart::firmwareThatRestartsUnansweredIsWaitedFor()

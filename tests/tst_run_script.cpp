@@ -14,6 +14,8 @@ private Q_SLOTS:
     void aForeignDeviceIsNoTerminal();
     void withoutATerminalASimulatedOneIsUsed_data();
     void withoutATerminalASimulatedOneIsUsed();
+    void aFileIsAppliedOnASimulatedTerminal_data();
+    void aFileIsAppliedOnASimulatedTerminal();
     void aNamedPortIsLeftAlone_data();
     void aNamedPortIsLeftAlone();
     void standardInputIsTheCallers();
@@ -185,6 +187,29 @@ void TestRunScript::withoutATerminalASimulatedOneIsUsed()
     QVERIFY2(run.output == end || run.output.startsWith(identificationOn(port).chopped(1)), run.output.constData());
     QVERIFY2(run.output.endsWith(end), run.output.constData());
     QTEST(run.code, "code");
+    QTRY_VERIFY(isGone(port));
+}
+
+void TestRunScript::aFileIsAppliedOnASimulatedTerminal_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::newRow("settings") << QByteArray("settings");
+    QTest::newRow("firmware") << QByteArray("firmware");
+}
+
+void TestRunScript::aFileIsAppliedOnASimulatedTerminal()
+{
+    QFETCH(QByteArray, kind);
+    const WorkingDirectory here;
+    files::store(QStringLiteral("local.bin"), "123456789");
+    const Run run = Testbed().start(words("-w -f " + kind + " local.bin -a"), {}, script).finish();
+    const QString port = announcedPort(run.errors);
+    const QByteArray name = port.toLocal8Bit();
+    QCOMPARE(run.output,
+        identificationOn(port) + "Writing file 'local.bin' to '" + kind + "' ...\n\r100% completed (9/9)\n\n"
+            + "Apply file '" + kind + "' ...\nCompleted\n\nSerial port closed: " + name
+            + "\nWaiting device ...\n\rSerial port open: " + name + "\n\n");
+    QCOMPARE(run.code, 0);
     QTRY_VERIFY(isGone(port));
 }
 
