@@ -212,6 +212,7 @@ void Device::nextOperation()
         setLog();
     } else if (_log_monitor) {
         connect(_protocol, &Protocol::logReceived, this, &Device::onLogReceived);
+        Q_EMIT monitoringBegan();
     } else {
         quit(0);
     }
