@@ -125,7 +125,9 @@ bool Device::tryOpenSerialPort(bool end_if_error, bool next_operation, int try_c
         return true;
 
     if (_port->open(QIODevice::ReadWrite)) {
-        // Only now: opening itself reports errors, some of them of no consequence.
+        // A terminal may send nothing before, and not every driver raises the line when it opens the port.
+        _port->setDataTerminalReady(true);
+        // Only now: opening reports errors of no consequence, and so does a port without that line.
         connect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
         StdOutput(false) << "\r" << tr("Serial port open: %1").arg(_port->portName()) << "\n\n";
         if (next_operation)
