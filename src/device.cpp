@@ -1,12 +1,12 @@
 #include "device.h"
 
 #include "crc.h"
+#include "platform.h"
 #include "stdoutput.h"
 #include "stringlistselectordialog.h"
 
 #include <QCoreApplication>
 #include <QFile>
-#include <QGuiApplication>
 #include <QSerialPortInfo>
 #include <QStringList>
 #include <QTimer>
@@ -25,6 +25,7 @@ constexpr quint16 product_identifier = 0x6124;
 constexpr auto before_operation = 1ms; // after a successful reopen
 constexpr auto before_reopen = 100ms;
 constexpr auto between_attempts = 1s;
+constexpr auto sending_time = 100ms; // for what the system writes in the background
 constexpr auto restart_time = 5s;
 constexpr int reopen_attempts = 60; // after the first one
 
@@ -38,12 +39,6 @@ constexpr int reopen_error = -112;
 bool isTerminal(const QSerialPortInfo &port)
 {
     return port.vendorIdentifier() == vendor_identifier && port.productIdentifier() == product_identifier;
-}
-
-/// The program selects this platform where it finds no display; a dialog would wait there for ever.
-bool canShowWindow()
-{
-    return QGuiApplication::platformName() != QLatin1String("minimal");
 }
 
 QString firstKey(File file)
@@ -113,7 +108,7 @@ QString Device::findPort()
         return candidates.value(0);
 
     const QString prompt = tr("Select device serial port");
-    if (canShowWindow())
+    if (platform::canShowWindow())
         return StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
     StdOutput() << prompt << ": " << candidates.join(QLatin1String(", "));
     return {};
@@ -166,10 +161,19 @@ void Device::closeSerialPort()
 }
 
 /// Sends what waits for the next turn of the event loop: a request whose answer was there before it.
-void Device::sendRest()
+/// \return whether some of it is still on its way: Windows writes in the background
+bool Device::sendRest()
 {
-    if (_port->isOpen())
-        _port->flush();
+    return _port->isOpen() && _port->flush() && _port->bytesToWrite() > 0;
+}
+
+/// Goes on with \a next once everything is sent; closing the port would cancel what is still on its way.
+void Device::afterSending(const std::function<void()> &next)
+{
+    if (sendRest())
+        QTimer::singleShot(sending_time, this, next);
+    else
+        next();
 }
 
 void Device::onErrorOccured(const QString &error_text)
@@ -187,7 +191,7 @@ bool Device::start(const QString &port)
     _device = this;
     if (!isSet(_write_file))
         _apply_file = File::Unknown;
-    _port->setPortName(port);
+    _port->setPortName(platform::portName(port));
     _protocol = new Protocol(_port, this);
     if (!tryOpenSerialPort(false, false, 0)) {
         StdOutput() << tr("Failed to open serial port %1: ").arg(_port->portName()) << _port->errorString();
@@ -237,8 +241,7 @@ void Device::quit(int code)
     _finished = true;
     // A port that was unplugged goes on reporting errors until it is closed.
     disconnect(_protocol, nullptr, this, nullptr);
-    sendRest();
-    QCoreApplication::exit(code);
+    afterSending([code] { QCoreApplication::exit(code); });
 }
 
 // ---- identification -----------------------------------------------------------------------------------------------
@@ -379,6 +382,11 @@ void Device::onFileApplied(jvxb::Error error, File file)
         StdOutput() << tr("Completed");
     StdOutput() << "";
     _reconnect = true;
+    afterSending([this] { waitForRestart(); });
+}
+
+void Device::waitForRestart()
+{
     closeSerialPort();
     StdOutput() << "Waiting device ...";
     QTimer::singleShot(restart_time, Qt::PreciseTimer, this, &Device::startTryOpenSerialPort);

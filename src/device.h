@@ -10,6 +10,7 @@
 #include <QString>
 
 #include <cstdint>
+#include <functional>
 
 class QFile;
 
@@ -103,7 +104,9 @@ private:
     void applyFile();
     void setLog();
     void startTryOpenSerialPort();
-    void sendRest();
+    bool sendRest();
+    void afterSending(const std::function<void()> &next);
+    void waitForRestart();
     void end(int code, const QString &text);
     void end(jvxb::Error error);
     void endWithFileError(const QFile &file);

@@ -1,0 +1,17 @@
+#include "platform.h"
+
+#include <windows.h>
+
+/// In a service, a scheduled task or a session of ssh the process has a desktop of its own that no screen shows.
+bool platform::canShowWindow()
+{
+    USEROBJECTFLAGS flags{};
+    return GetUserObjectInformationW(GetProcessWindowStation(), UOI_FLAGS, &flags, sizeof(flags), nullptr) != 0
+        && (flags.dwFlags & WSF_VISIBLE) != 0;
+}
+
+/// To Windows "com12" is "COM12", but QSerialPort knows only the latter for a port and takes the former for a file.
+QString platform::portName(const QString &given)
+{
+    return given.startsWith(QLatin1String("com"), Qt::CaseInsensitive) ? given.toUpper() : given;
+}
