@@ -1,6 +1,7 @@
 #include "device.h"
 
 #include "crc.h"
+#include "outputreader.h"
 #include "platform.h"
 #include "stdoutput.h"
 #include "stringlistselectordialog.h"
@@ -218,7 +219,7 @@ void Device::nextOperation()
         setLog();
     } else if (_log_monitor) {
         connect(_protocol, &Protocol::logReceived, this, &Device::onLogReceived);
-        Q_EMIT monitoringBegan();
+        output_reader::endWith(); // from here on there is nothing but the log
     } else {
         quit(0);
     }

@@ -58,10 +58,6 @@ public:
     /// event loop. The program does not install it.
     static void onSigintSignal(int signal_number);
 
-Q_SIGNALS:
-    /// All that the run was to do is done, and from here on it only prints the terminal's log.
-    void monitoringBegan();
-
 public Q_SLOTS:
     /// Ends the run with -110, or reopens the port when the terminal is expected to restart.
     /// \param error_text the port's error string

@@ -1,5 +1,6 @@
 #include "device.h"
 #include "file.h"
+#include "outputreader.h"
 #include "stdoutput.h"
 
 #include <QApplication>
@@ -7,9 +8,6 @@
 #include <QCommandLineParser>
 #include <QStringList>
 #include <QSysInfo>
-
-#include <csignal>
-#include <iostream>
 
 namespace {
 
@@ -64,24 +62,6 @@ void dropRemarks(QtMsgType type, const QMessageLogContext &context, const QStrin
         default_message_handler(type, context, message);
 }
 
-// A pipe whose reader has left ends the process that writes into it, on systems that know this signal. A transfer is
-// not to be cut short by that, and goes on unread; the log is nothing without a reader.
-#ifdef SIGPIPE
-void outliveReader()
-{
-    std::signal(SIGPIPE, SIG_IGN);
-}
-
-void endWithReader()
-{
-    std::signal(SIGPIPE, SIG_DFL);
-    std::cout.clear(); // after a failure it would write nothing more, and so never notice
-}
-#else
-void outliveReader() { }
-void endWithReader() { }
-#endif
-
 void setIdentity()
 {
     QApplication::setApplicationName(QStringLiteral("JVX file loader"));
@@ -127,7 +107,7 @@ int fail(ExitCode code, const QString &message)
 
 int main(int argc, char *argv[])
 {
-    outliveReader();
+    output_reader::outlive();
     tolerateMissingDisplay();
     default_message_handler = qInstallMessageHandler(dropRemarks);
     const QApplication application(argc, argv);
@@ -149,7 +129,6 @@ int main(int argc, char *argv[])
         return fail(port_missing, Text::tr("Serial port is not selected"));
 
     Device device;
-    QObject::connect(&device, &Device::monitoringBegan, &device, endWithReader);
     device._log_monitor = line.isSet(line._monitor);
     device.logEnable(default_log_mask);
     if (line.isSet(line._log)) {
