@@ -6,6 +6,8 @@
 #include <QApplication>
 #include <QByteArrayList>
 #include <QCommandLineParser>
+#include <QDir>
+#include <QFileInfo>
 #include <QStringList>
 #include <QSysInfo>
 
@@ -27,6 +29,17 @@ enum ExitCode : int {
 constexpr File default_kind = File::UserFirmware;
 constexpr quint32 default_log_mask = 0x4000;
 
+/// Whether the environment announces a Wayland display that is there. The library that would connect to it remarks on
+/// standard error when it is not.
+bool hasWaylandDisplay()
+{
+    if (!qEnvironmentVariableIsSet("WAYLAND_DISPLAY") && qgetenv("XDG_SESSION_TYPE") != "wayland")
+        return false;
+    const QString name = qEnvironmentVariable("WAYLAND_DISPLAY", QStringLiteral("wayland-0"));
+    const QString path = QDir(qEnvironmentVariable("XDG_RUNTIME_DIR")).filePath(name); // the name may be a path itself
+    return QDir::isAbsolutePath(path) && QFileInfo::exists(path);
+}
+
 /// The platform plugins to try in turn: the framework's own choice for the display that the environment announces, then
 /// one without windows. A display that is announced may be gone, as in a session that outlived its login.
 QByteArray platforms()
@@ -34,7 +47,7 @@ QByteArray platforms()
     QByteArrayList names;
     if (qEnvironmentVariableIsSet("DISPLAY"))
         names += "xcb";
-    if (qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland") {
+    if (hasWaylandDisplay()) {
         const bool prefers_x = qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome");
         names.insert(prefers_x ? names.size() : 0, "wayland");
     }
@@ -58,7 +71,7 @@ QtMessageHandler default_message_handler = nullptr;
 /// tool says itself, on standard output.
 void dropRemarks(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (type != QtInfoMsg && type != QtWarningMsg)
+    if (type == QtDebugMsg || type == QtFatalMsg)
         default_message_handler(type, context, message);
 }
 
