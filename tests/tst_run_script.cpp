@@ -14,6 +14,12 @@ private Q_SLOTS:
     void aForeignDeviceIsNoTerminal();
     void withoutATerminalASimulatedOneIsUsed_data();
     void withoutATerminalASimulatedOneIsUsed();
+    void withoutATerminalNothingIsWritten_data();
+    void withoutATerminalNothingIsWritten();
+    void aSimulatedTerminalIsUsedOnDemand_data();
+    void aSimulatedTerminalIsUsedOnDemand();
+    void aSimulatedTerminalHasNoOtherPort_data();
+    void aSimulatedTerminalHasNoOtherPort();
     void aFileIsAppliedOnASimulatedTerminal_data();
     void aFileIsAppliedOnASimulatedTerminal();
     void aNamedPortIsLeftAlone_data();
@@ -46,7 +52,7 @@ QTestData &optionsRow(const char *line)
 QString announcedPort(const QByteArray &errors)
 {
     static const QRegularExpression announcement(
-        QStringLiteral("^No terminal is attached: using a simulated one, (\\S+)\\n$"),
+        QStringLiteral("^(No terminal is attached: using a simulated one|Using a simulated terminal), (\\S+)\\n$"),
         QRegularExpression::DontCaptureOption);
     static const QRegularExpression port(QStringLiteral("(?<=, )\\S+"));
     const QString text = QString::fromLocal8Bit(errors);
@@ -171,7 +177,10 @@ void TestRunScript::withoutATerminalASimulatedOneIsUsed_data()
         optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
     optionsRow("-r -- -p") << 0 << QByteArrayLiteral("\nFile saved to '-p'\n");
     optionsRow("-r -f settings p") << 0 << QByteArrayLiteral("\nFile saved to 'p'\n");
-    optionsRow("-w") << 256 - 101 << QByteArrayLiteral("File name not specified\n");
+    for (const char *line : {"-f w", "-fw", "-mf w", "--file=w", "-f -w", "-f --write"})
+        optionsRow(line) << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    for (const char *line : {"-- -w", "w", "-session -w"})
+        optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
     for (const char *line : {"-platform minimal", "--platform minimal", "-reverse", "-session p"})
         optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
 }
@@ -190,6 +199,80 @@ void TestRunScript::withoutATerminalASimulatedOneIsUsed()
     QTRY_VERIFY(isGone(port));
 }
 
+void TestRunScript::withoutATerminalNothingIsWritten_data()
+{
+    QTest::addColumn<QStringList>("options");
+    for (const char *line : {"-w local.bin", "--write local.bin", "-wa local.bin", "-aw local.bin",
+             "-wf firmware local.bin", "-f firmware -w local.bin", "-ffirmware -w local.bin", "local.bin -w",
+             "-l -1 -w local.bin", "-rw local.bin", "-w", "-w -- -p"})
+        optionsRow(line);
+}
+
+void TestRunScript::withoutATerminalNothingIsWritten()
+{
+    QFETCH(QStringList, options);
+    const WorkingDirectory here;
+    files::store(QStringLiteral("local.bin"), "123456789");
+    const Run run = Testbed({{0, "1-1", "03eb", "6125"}}).start(options, {}, script).finish();
+    QCOMPARE(run.errors,
+        QByteArray("No terminal is attached and no port is named: nothing is written. To try it on a simulated "
+                   "terminal: ./run --simulated -w ...\n"));
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.code, 256 - 103);
+}
+
+void TestRunScript::aSimulatedTerminalIsUsedOnDemand_data()
+{
+    QTest::addColumn<bool>("attached");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("end");
+    const QByteArray identified = "\nIMEI: 350000000000017\n\n";
+    const QByteArray written = "\nWriting file 'local.bin' to 'keys' ...\n\r100% completed (9/9)\n\n";
+    QTest::newRow("nothing attached") << false << QStringList() << identified;
+    QTest::newRow("a terminal attached") << true << QStringList() << identified;
+    QTest::newRow("to write") << false << words("-w -f keys local.bin") << written;
+    QTest::newRow("to write, a terminal attached") << true << words("-wf keys local.bin") << written;
+    QTest::newRow("to read") << true << words("-r -f settings local.bin")
+                             << QByteArray("\nFile saved to 'local.bin'\n");
+}
+
+void TestRunScript::aSimulatedTerminalIsUsedOnDemand()
+{
+    QFETCH(bool, attached);
+    QFETCH(QStringList, options);
+    const WorkingDirectory here;
+    files::store(QStringLiteral("local.bin"), "123456789");
+    SimulatedTerminal terminal;
+    Testbed testbed(attached ? QList{terminalPort(0, "1-1")} : QList<FakedPort>());
+    if (attached)
+        testbed.connect(0, terminal);
+    const Run run = testbed.start(words("--simulated") + options, {}, script).finish();
+    const QString port = announcedPort(run.errors);
+    QVERIFY2(run.errors.startsWith("Using a simulated terminal, "), run.errors.constData());
+    QVERIFY2(run.output.startsWith(identificationOn(port)), run.output.constData());
+    QFETCH(QByteArray, end);
+    QVERIFY2(run.output.endsWith(end), run.output.constData());
+    QCOMPARE(run.code, 0);
+    QCOMPARE(terminal.requests(), QByteArrayList());
+    QTRY_VERIFY(isGone(port));
+}
+
+void TestRunScript::aSimulatedTerminalHasNoOtherPort_data()
+{
+    QTest::addColumn<QStringList>("options");
+    for (const char *line : {"--simulated -p X", "--simulated -wpX local.bin", "--simulated --port=X"})
+        optionsRow(line);
+}
+
+void TestRunScript::aSimulatedTerminalHasNoOtherPort()
+{
+    QFETCH(QStringList, options);
+    const Run run = Testbed().start(options, {}, script).finish();
+    QCOMPARE(run.errors, QByteArray("A port is named beside --simulated.\n"));
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.code, 1);
+}
+
 void TestRunScript::aFileIsAppliedOnASimulatedTerminal_data()
 {
     QTest::addColumn<QByteArray>("kind");
@@ -202,7 +285,7 @@ void TestRunScript::aFileIsAppliedOnASimulatedTerminal()
     QFETCH(QByteArray, kind);
     const WorkingDirectory here;
     files::store(QStringLiteral("local.bin"), "123456789");
-    const Run run = Testbed().start(words("-w -f " + kind + " local.bin -a"), {}, script).finish();
+    const Run run = Testbed().start(words("--simulated -w -f " + kind + " local.bin -a"), {}, script).finish();
     const QString port = announcedPort(run.errors);
     const QByteArray name = port.toLocal8Bit();
     QCOMPARE(run.output,
@@ -217,16 +300,16 @@ void TestRunScript::aNamedPortIsLeftAlone_data()
 {
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<QByteArray>("output");
-    for (const char *line :
-        {"-p X", "-pX", "-p=X", "--port X", "--port=X", "-mp X", "-mpX", "-mp=X", "-rp X name", "-r name -p X",
-            "name -p X", "-f 1 -p X", "-f1 -pX", "-l -1 -p X", "--file 1 --port X", "--log 0 -p X", "-amrpX name"})
+    for (const char *line : {"-p X", "-pX", "-p=X", "--port X", "--port=X", "-mp X", "-mpX", "-mp=X", "-rp X name",
+             "-r name -p X", "name -p X", "-f 1 -p X", "-f1 -pX", "-l -1 -p X", "-w local.bin -p X", "-wpX local.bin",
+             "--file 1 --port X", "--log 0 -p X", "-amrpX name"})
         optionsRow(line) << QByteArrayLiteral("Failed to open serial port X: No such file or directory\n");
     optionsRow("-f -- -p X") << QByteArrayLiteral("Selected unknown file\n");
     optionsRow("-f -p --port X") << QByteArrayLiteral("Selected unknown file\n");
     optionsRow("-l -p -p X") << QByteArrayLiteral("Invalid log mask\n");
     optionsRow("-p --") << QByteArrayLiteral("Failed to open serial port --: No such file or directory\n");
     optionsRow("--port=") << QByteArrayLiteral("Serial port is not selected\n");
-    for (const char *line : {"-v", "--version", "-mv", "-f p -v"})
+    for (const char *line : {"-v", "--version", "-mv", "-f p -v", "-w -v", "-wv", "--simulated -v"})
         optionsRow(line) << QByteArrayLiteral("JVX file loader 0.0.8\n");
 }
 
