@@ -47,7 +47,8 @@ QString firstKey(File file)
     return FileInfo::info(file).keys.constFirst();
 }
 
-/// The share of \a full_size that \a size is, in percent, as 32-bit arithmetic yields it; 100 of nothing.
+/// How many percent of \a full_size bytes \a size bytes are; 100 if there are none at all. The multiplication wraps at
+/// 32 bits, so that files above 21 million bytes show odd figures, even negative ones.
 int percentOf(int size, int full_size)
 {
     if (full_size == 0)
@@ -161,7 +162,8 @@ void Device::closeSerialPort()
     StdOutput() << tr("Serial port closed: %1").arg(_port->portName());
 }
 
-/// Sends what waits for the next turn of the event loop: a request whose answer was there before it.
+/// Sends what was written to the port but waits for the next turn of the event loop, and would be lost with the port or
+/// the loop. That happens when the answer came before its request was sent.
 /// \return whether some of it is still on its way: Windows writes in the background
 bool Device::sendRest()
 {

@@ -58,6 +58,9 @@ public:
     /// event loop. The program does not install it.
     static void onSigintSignal(int signal_number);
 
+    File _apply_file = File::Unknown; ///< kind to apply after it has been written
+    bool _log_monitor = false;        ///< after all operations, stay connected and print the terminal's log
+
 public Q_SLOTS:
     /// Ends the run with -110, or reopens the port when the terminal is expected to restart.
     /// \param error_text the port's error string
@@ -117,12 +120,6 @@ private:
     quint32 _log_mask = 0; ///< the mask to set, later the mask in force
     File _read_file = File::Unknown;
     File _write_file = File::Unknown;
-
-public:
-    File _apply_file = File::Unknown; ///< kind to apply after it has been written
-    bool _log_monitor = false;        ///< after all operations, stay connected and print the terminal's log
-
-private:
     bool _reconnect = false; ///< the terminal is expected to restart
     bool _set_log = false;   ///< the log mask is still to be set
     bool _finished = false;  ///< the exit code is decided

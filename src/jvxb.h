@@ -1,9 +1,10 @@
 #pragma once
 
 #include "file.h"
+#include "jvxb/framing.h"
+#include "jvxb/payloads.h"
 
 #include <QByteArray>
-#include <QByteArrayView>
 #include <QDateTime>
 #include <QList>
 #include <QObject>
@@ -11,25 +12,13 @@
 #include <QString>
 #include <QTimer>
 
-#include <optional>
-
 class StdOutput;
 
 /// The jvxb protocol: requests to a vehicle telematics terminal, their answers, and the messages that the terminal
 /// sends on its own.
 ///
-/// A packet is a header of 16 bytes and a body; all numbers are little-endian:
-///
-///     offset size field
-///          0    4 magic "@JVX"
-///          4    4 address word, sent as 0, ignored on receipt
-///          8    4 address word, sent as 1, ignored on receipt
-///         12    2 body length in bytes, at least 3
-///         14    1 XOR of all body bytes
-///         15    1 XOR of header bytes 0 to 14
-///         16    n body
-///
-/// and a body is the start character "*", a direction character, a command key and a payload:
+/// They travel in packets. The body of a packet is the start character "*", a direction character, a command key and a
+/// payload:
 ///
 ///     "?" asks,          "#" answers it
 ///     "!" commands,      "@" answers it
@@ -51,42 +40,6 @@ const char *errorText(Error error);
 /// Writes \a error to the console, without a line end: a positive code as its number, any other as its translated text
 /// and value, for example "Timeout(-1)".
 StdOutput &operator<<(StdOutput &output, Error error);
-
-/// Which of the terminal's logs a record belongs to; log 14 carries lines of text.
-enum class Log : quint8 {};
-
-/// The packet that carries \a body, whose size is cut to 16 bits in the header.
-QByteArray packet(const QByteArray &body);
-
-/// Received bytes that are not consumed yet, and the search for packets in them.
-///
-/// Whatever stream comes in, the work is linear in its length: beside each byte stands the XOR of all bytes before it,
-/// so that the checksum of any run of bytes is one operation, however many headers claim the same bytes as their body.
-class ReceiveBuffer {
-public:
-    /// Appends \a bytes as they came from the port, any number of them.
-    void append(QByteArrayView bytes);
-
-    /// Forgets all bytes.
-    void clear();
-
-    /// Takes the next body with valid checksums out of the buffer, with all bytes before it; nothing if none is
-    /// complete yet. Skipped on the way:
-    ///  - bytes without a magic; a magic that is cut by the end of the bytes goes with them, once 16 bytes are there;
-    ///  - of a corrupt header (checksum, or a body length below 3) the magic, so that the search goes on behind it;
-    ///  - of a packet with a corrupt body the header, so that the search goes on inside the body.
-    std::optional<QByteArray> takeBody();
-
-private:
-    bool seekMagic();
-    [[nodiscard]] bool headerIsValid() const;
-    [[nodiscard]] quint16 bodyLength() const;
-    [[nodiscard]] char checksum(qsizetype count) const;
-    void drop(qsizetype count);
-
-    QByteArray _bytes;
-    QByteArray _sums = QByteArray(1, '\0'); ///< element i: XOR of all bytes before _bytes[i]; one more than _bytes
-};
 
 /// One request with its awaited answer and its answer timer; a child of the protocol that runs it.
 class Transaction : public QObject {
@@ -210,7 +163,8 @@ public:
     /// Sets the terminal's log mask; 0 disables the log. Time-out 500 ms. Emits logEnabled.
     void logEnable(quint32 mask);
 
-    /// Queues a new \a transaction, which must be of the class that belongs to its key, sends it and starts its timer.
+    /// Queues a new \a transaction, sends it and starts its timer. A command key of the list above takes its own class
+    /// of transaction: Ask for what asks for information, FileCommand for the requests about files, otherwise Command.
     void begin(Transaction *transaction);
 
     /// Sends a queued \a transaction again, with its present payload, and restarts its timer.
@@ -270,11 +224,17 @@ private Q_SLOTS:
     void onTimeout();
 
 private:
+    struct Exchange; ///< what belongs to a command key, a row of the engine's table
+
+    static const Exchange *exchangeOf(const QByteArray &key);
+    static bool isOfItsClass(const Transaction *transaction);
+
     void send(Transaction *transaction);
 
     void findPacket();
     void recvPacket(const QByteArray &body);
     bool recvPacket(Transaction *transaction, const QByteArray &key, const QByteArray &payload);
+    bool fail(const Transaction *transaction, Error error); ///< returns true: finished
 
     // Each emits the result of the transaction and returns whether that has finished it.
     bool recvSoftVersion(Transaction *transaction, const QByteArray &payload);
@@ -285,15 +245,21 @@ private:
     bool recvApplyFile(Transaction *transaction, const QByteArray &payload);
     bool recvLogEnable(Transaction *transaction, const QByteArray &payload);
 
+    // Each emits the result of the transaction with the error and empty values.
+    void failSoftVersion(const Transaction *transaction, Error error);
+    void failHardVersion(const Transaction *transaction, Error error);
+    void failSerialNumber(const Transaction *transaction, Error error);
+    void failReadFile(const Transaction *transaction, Error error);
+    void failWriteFile(const Transaction *transaction, Error error);
+    void failApplyFile(const Transaction *transaction, Error error);
+    void failLogEnable(const Transaction *transaction, Error error);
+
     void readFileContinue(FileCommand *command, uint handle);
     void writeFileContinue(FileCommand *command, uint offset, uint handle);
     void sendPiece(FileCommand *command);
 
     void recvMessage(const QByteArray &body);
     void recvLog(const QByteArray &record);
-
-    /// Emits the result signal of \a transaction with \a error and empty values; returns true: finished.
-    bool fail(const Transaction *transaction, Error error);
 
     ReceiveBuffer _received;
     QList<Transaction *> _queue; ///< pending transactions, oldest first

@@ -55,8 +55,9 @@ QByteArray platforms()
     return names.join(';');
 }
 
-/// Where no display is, lets the tool run without windows rather than not at all. A platform plugin that the user named
-/// stands, and so does the only one of systems that always have a display.
+/// Without a display the application object would abort the process; this lets the tool run without windows then. A
+/// platform plugin that the user named in QT_QPA_PLATFORM is left alone, and so are the systems that always have a
+/// display.
 void tolerateMissingDisplay()
 {
     const QString kernel = QSysInfo::kernelType();

@@ -769,9 +769,9 @@ void ProtocolTest::aLogRecordIsNoAnswer()
 void ProtocolTest::aMessageIsNeverAnAnswer()
 {
     ProtocolBench bench;
-    const QPointer<jvxb::Transaction> transaction(new jvxb::Transaction('?', '>', "LOG", &bench.protocol, 60'000));
+    const QPointer<jvxb::Transaction> transaction(new jvxb::Transaction('?', '>', "KEY", &bench.protocol, 60'000));
     bench.protocol.begin(transaction);
-    bench.port.deliver(packets::log_record);
+    bench.port.deliver(packets::packet("*>KEY") + packets::log_record);
     QVERIFY(transaction);
     QCOMPARE(bench.logs, QByteArrayList{"up"});
 }

@@ -1,0 +1,108 @@
+#include "jvxb/framing.h"
+
+#include <functional>
+#include <numeric>
+
+namespace jvxb {
+
+namespace {
+
+quint8 exclusiveOr(QByteArrayView bytes)
+{
+    return static_cast<quint8>(std::accumulate(bytes.begin(), bytes.end(), '\0', std::bit_xor<>()));
+}
+
+} // namespace
+
+QByteArray packet(const QByteArray &body)
+{
+    QByteArray bytes = header::magic.toByteArray().leftJustified(header::size, '\0');
+    bytes.reserve(header::size + body.size());
+    header::first_address.put(bytes, 0);
+    header::second_address.put(bytes, 1);
+    header::body_length.put(bytes, static_cast<quint16>(body.size()));
+    header::body_checksum.put(bytes, exclusiveOr(body));
+    header::checksum.put(bytes, exclusiveOr(QByteArrayView(bytes).first(header::checksum.offset)));
+    return bytes.append(body);
+}
+
+void ReceiveBuffer::append(QByteArrayView bytes)
+{
+    _bytes.append(bytes);
+    for (const char byte : bytes)
+        _sums.append(static_cast<char>(_sums.back() ^ byte));
+}
+
+void ReceiveBuffer::clear()
+{
+    drop(_bytes.size());
+}
+
+std::optional<QByteArray> ReceiveBuffer::takeBody()
+{
+    while (true) {
+        switch (front()) {
+        case Front::Incomplete:
+            return {};
+        case Front::Packet:
+            return takeFrontBody();
+        case Front::NoMagic:
+            drop(sizeBeforeMagic());
+            break;
+        case Front::WrongHeaderChecksum:
+        case Front::ShortBody:
+            drop(header::magic.size());
+            break;
+        case Front::WrongBodyChecksum:
+            drop(header::size);
+            break;
+        }
+    }
+}
+
+ReceiveBuffer::Front ReceiveBuffer::front() const
+{
+    if (_bytes.size() < header::size)
+        return Front::Incomplete;
+    if (!_bytes.startsWith(header::magic))
+        return Front::NoMagic;
+    if (checksum(0, header::checksum.offset) != header::checksum.of(_bytes))
+        return Front::WrongHeaderChecksum;
+    const quint16 body_length = header::body_length.of(_bytes);
+    if (body_length < header::min_body_length)
+        return Front::ShortBody;
+    const qsizetype end = header::size + body_length;
+    if (_bytes.size() < end)
+        return Front::Incomplete;
+    if (checksum(header::size, end) != header::body_checksum.of(_bytes))
+        return Front::WrongBodyChecksum;
+    return Front::Packet;
+}
+
+/// All bytes if there is no magic.
+qsizetype ReceiveBuffer::sizeBeforeMagic() const
+{
+    const qsizetype position = _bytes.indexOf(header::magic);
+    return position < 0 ? _bytes.size() : position;
+}
+
+quint8 ReceiveBuffer::checksum(qsizetype begin, qsizetype end) const
+{
+    return static_cast<quint8>(_sums[begin] ^ _sums[end]);
+}
+
+QByteArray ReceiveBuffer::takeFrontBody()
+{
+    const quint16 length = header::body_length.of(_bytes);
+    QByteArray body = _bytes.sliced(header::size, length);
+    drop(header::size + length);
+    return body;
+}
+
+void ReceiveBuffer::drop(qsizetype count)
+{
+    _bytes.remove(0, count);
+    _sums.remove(0, count);
+}
+
+} // namespace jvxb
