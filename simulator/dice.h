@@ -12,11 +12,11 @@ public:
     {
     }
 
-    /// 0 to @a count - 1. The distributions of the standard library differ from one to the next; the remainder does
-    /// not.
+    /// A number from 0 to \a count - 1, \a count being 1 or more. It is the remainder of a division because
+    /// std::uniform_int_distribution may throw otherwise in every standard library.
     int below(int count) { return static_cast<int>(_engine() % static_cast<quint32>(count)); }
 
-    /// True once in @a count throws on average; never for 0.
+    /// True once in \a count throws on average; never for 0.
     bool oneIn(int count) { return count > 0 && below(count) == 0; }
 
 private:

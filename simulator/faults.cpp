@@ -8,14 +8,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr QByteArrayView magic("@JVX", 4);
-
 // A pause lets the reader see each piece on its own, but an answer in very many pieces must not take so long that the
 // other side gives it up: as long as more than these are left, they follow without one.
-constexpr qsizetype pausedPieces = 100;
-constexpr auto pauseLength = 1ms;
+constexpr qsizetype paused_pieces = 100;
+constexpr auto pause_length = 1ms;
 
-constexpr int longestRandomPiece = 64;
+constexpr int longest_random_piece = 64;
 
 } // namespace
 
@@ -48,11 +46,11 @@ void FaultyLine::sendMessage(const QByteArray &bytes)
 QByteArray FaultyLine::disturbed(const QByteArray &packet)
 {
     QByteArray bytes = packet;
-    const bool hasBody = packet.size() > wire::headerSize;
-    if (hasBody && _dice.oneIn(_settings.damagedHeaders))
-        flipOneBit(bytes, 0, wire::headerSize);
-    if (hasBody && _dice.oneIn(_settings.damagedBodies))
-        flipOneBit(bytes, wire::headerSize, bytes.size());
+    const bool has_body = packet.size() > wire::header_size;
+    if (has_body && _dice.oneIn(_settings.damaged_headers))
+        flipOneBit(bytes, 0, wire::header_size);
+    if (has_body && _dice.oneIn(_settings.damaged_bodies))
+        flipOneBit(bytes, wire::header_size, bytes.size());
     return garbage() + bytes;
 }
 
@@ -65,7 +63,7 @@ QByteArray FaultyLine::garbage()
     for (int size = 1 + _dice.below(_settings.garbage); size > 0; --size)
         bytes.append(static_cast<char>(_dice.below(256)));
     if (_dice.oneIn(4)) {
-        const QByteArrayView part = magic.first(1 + _dice.below(magic.size()));
+        const QByteArrayView part = wire::magic.first(1 + _dice.below(wire::magic.size()));
         bytes.replace(_dice.below(static_cast<int>(bytes.size())), part.size(), part.toByteArray());
     }
     return bytes.first(std::min<qsizetype>(bytes.size(), _settings.garbage));
@@ -79,12 +77,12 @@ void FaultyLine::flipOneBit(QByteArray &bytes, qsizetype begin, qsizetype end)
 
 QByteArrayList FaultyLine::split(const QByteArray &bytes)
 {
-    if (_settings.splitSize == 0 && !_settings.splitsAtRandom)
+    if (_settings.split_size == 0 && !_settings.splits_at_random)
         return {bytes};
     QByteArrayList pieces;
     for (qsizetype at = 0; at < bytes.size(); at += pieces.last().size())
         pieces.append(
-            bytes.mid(at, _settings.splitsAtRandom ? 1 + _dice.below(longestRandomPiece) : _settings.splitSize));
+            bytes.mid(at, _settings.splits_at_random ? 1 + _dice.below(longest_random_piece) : _settings.split_size));
     return pieces;
 }
 
@@ -115,7 +113,7 @@ void FaultyLine::writeNext()
 {
     Q_EMIT sent(_queue.takeFirst());
     if (!_queue.isEmpty())
-        _pause_timer.start(_queue.size() > pausedPieces ? 0ms : pauseLength);
+        _pause_timer.start(_queue.size() > paused_pieces ? 0ms : pause_length);
     else if (isIdle())
         Q_EMIT becameIdle();
 }

@@ -13,14 +13,14 @@
 struct FaultSettings {
     quint32 seed = 1;
     std::chrono::milliseconds latency{0}; ///< of every answer
-    int splitSize = 0;                    ///< write answers in pieces of so many bytes; 0: whole
-    bool splitsAtRandom = false;          ///< write answers in pieces of random sizes
-    int garbage = 0;        ///< precede every packet with 1 to so many bytes that belong to none; 0: with none
-    int damagedHeaders = 0; ///< one in N packets has one wrong bit in its header
-    int damagedBodies = 0;  ///< one in N packets has one wrong bit in its body
-    int lost = 0;           ///< one in N answers
-    int duplicated = 0;     ///< one in N answers
-    int late = 0;           ///< one in N answers ...
+    int split_size = 0;                   ///< write answers in pieces of so many bytes; 0: whole
+    bool splits_at_random = false;        ///< write answers in pieces of random sizes
+    int garbage = 0;         ///< precede every packet with 1 to so many bytes that belong to none; 0: with none
+    int damaged_headers = 0; ///< one in N packets has one wrong bit in its header
+    int damaged_bodies = 0;  ///< one in N packets has one wrong bit in its body
+    int lost = 0;            ///< one in N answers
+    int duplicated = 0;      ///< one in N answers
+    int late = 0;            ///< one in N answers ...
     std::chrono::milliseconds lateness{0}; ///< ... by so much more than the latency
 };
 

@@ -8,14 +8,14 @@
 
 namespace {
 
-constexpr quint8 settingsKind = 0;
+constexpr quint8 settings_kind = 0;
 
 struct Kind {
     const char *key;
-    qsizetype builtInSize; ///< bytes; around, at and far from multiples of a piece's 512
+    qsizetype built_in_size; ///< bytes; around, at and far from multiples of a piece's 512
 };
 
-constexpr std::array<Kind, FileStore::kindCount> kinds = {{
+constexpr std::array<Kind, FileStore::kind_count> kinds = {{
     {"settings", 1300},
     {"firmware", 20011},
     {"keys", 96},
@@ -30,7 +30,7 @@ constexpr std::array<Kind, FileStore::kindCount> kinds = {{
     {"user-firmware", 513},
 }};
 
-/// Lines like "parameter.007 = 259", cut at @a size bytes.
+/// Lines like "parameter.007 = 259", cut at \a size bytes.
 QByteArray builtInText(qsizetype size)
 {
     QByteArray text("# Settings of the terminal\n");
@@ -45,14 +45,14 @@ QByteArray builtInBytes(quint8 kind, qsizetype size)
 {
     QByteArray bytes(size, '\0');
     for (qsizetype i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>((i * 31 + i / 256 * 7 + kind * 17) & 0xFF);
+        bytes[i] = static_cast<char>((i * 31 + i / 256 * 7 + qsizetype{kind} * 17) & 0xFF);
     return bytes;
 }
 
 QByteArray builtIn(quint8 kind)
 {
-    const qsizetype size = kinds.at(kind).builtInSize;
-    return kind == settingsKind ? builtInText(size) : builtInBytes(kind, size);
+    const qsizetype size = kinds.at(kind).built_in_size;
+    return kind == settings_kind ? builtInText(size) : builtInBytes(kind, size);
 }
 
 } // namespace
@@ -62,7 +62,7 @@ FileStore::FileStore(QString directory)
 {
     if (!_directory.isEmpty())
         return;
-    for (quint8 kind = 0; kind < kindCount; ++kind)
+    for (quint8 kind = 0; kind < kind_count; ++kind)
         _memory.insert(kind, builtIn(kind));
 }
 

@@ -9,20 +9,20 @@
 namespace {
 
 enum Status : quint8 {
-    Success = '1',
-    UnknownKind = 0x01,
-    NoContent = 0x02,
-    OutOfOrder = 0x03,
-    NotStored = 0x04,
-    WrongChecksum = 0x05,
+    success = '1',
+    unknown_kind = 0x01,
+    no_content = 0x02,
+    out_of_order = 0x03,
+    not_stored = 0x04,
+    wrong_checksum = 0x05,
 };
 
 // Offsets that the requests have in common or of their own.
-constexpr qsizetype handleOffset = 1;
-constexpr qsizetype checksumOffset = 5;
-constexpr qsizetype positionOffset = 5;
-constexpr qsizetype lengthOffset = 9;
-constexpr qsizetype totalOffset = 11;
+constexpr qsizetype handle_offset = 1;
+constexpr qsizetype checksum_offset = 5;
+constexpr qsizetype position_offset = 5;
+constexpr qsizetype length_offset = 9;
+constexpr qsizetype total_offset = 11;
 
 quint8 kindOf(const QByteArray &payload)
 {
@@ -36,7 +36,7 @@ Reply refused(Status status, quint8 kind, const QString &complaint = {})
 
 Reply unknownKind(quint8 kind)
 {
-    return refused(UnknownKind, kind, QStringLiteral("unknown file kind"));
+    return refused(unknown_kind, kind, QStringLiteral("unknown file kind"));
 }
 
 quint32 checksum(const QByteArray &content)
@@ -49,7 +49,7 @@ quint32 checksum(const QByteArray &content)
 QByteArray pieceAnswer(quint8 kind, quint32 handle, quint32 offset, qsizetype length)
 {
     QByteArray answer;
-    wire::append(answer, quint8{Success});
+    wire::append(answer, quint8{success});
     wire::append(answer, kind);
     wire::append(answer, handle);
     wire::append(answer, offset);
@@ -68,47 +68,47 @@ FileTransfers::FileTransfers(const TransferSettings &settings)
 Reply FileTransfers::read(const QByteArray &payload)
 {
     const quint8 kind = kindOf(payload);
-    const auto handle = wire::read<quint32>(payload, handleOffset);
-    const auto offset = wire::read<quint32>(payload, positionOffset);
-    if (kind >= FileStore::kindCount)
+    const auto handle = wire::read<quint32>(payload, handle_offset);
+    const auto offset = wire::read<quint32>(payload, position_offset);
+    if (kind >= FileStore::kind_count)
         return unknownKind(kind);
-    if (wire::read<quint16>(payload, lengthOffset) != pieceSize)
-        return refused(OutOfOrder, kind, QStringLiteral("wrong maximum length"));
+    if (wire::read<quint16>(payload, length_offset) != piece_size)
+        return refused(out_of_order, kind, QStringLiteral("wrong maximum length"));
     if (handle == 0)
         return openRead(kind, offset);
     if (const QString fault = faultOf(_read, kind, handle, offset); !fault.isEmpty())
-        return refused(OutOfOrder, kind, fault);
+        return refused(out_of_order, kind, fault);
     return servePiece();
 }
 
 Reply FileTransfers::write(const QByteArray &payload)
 {
     const quint8 kind = kindOf(payload);
-    const auto handle = wire::read<quint32>(payload, handleOffset);
-    const auto offset = wire::read<quint32>(payload, positionOffset);
-    if (kind >= FileStore::kindCount)
+    const auto handle = wire::read<quint32>(payload, handle_offset);
+    const auto offset = wire::read<quint32>(payload, position_offset);
+    if (kind >= FileStore::kind_count)
         return unknownKind(kind);
     if (handle == 0)
         return openWrite(kind, payload);
     if (const QString fault = faultOf(_write, kind, handle, offset); !fault.isEmpty())
-        return refused(OutOfOrder, kind, fault);
+        return refused(out_of_order, kind, fault);
     return acceptPiece(payload);
 }
 
 Reply FileTransfers::apply(const QByteArray &payload)
 {
     const quint8 kind = kindOf(payload);
-    if (kind >= FileStore::kindCount)
+    if (kind >= FileStore::kind_count)
         return unknownKind(kind);
-    if (wire::read<quint32>(payload, handleOffset) != 0)
-        return refused(OutOfOrder, kind, QStringLiteral("wrong handle"));
+    if (wire::read<quint32>(payload, handle_offset) != 0)
+        return refused(out_of_order, kind, QStringLiteral("wrong handle"));
     if (!_written_checksums.contains(kind))
-        return refused(WrongChecksum, kind, QStringLiteral("nothing written to apply"));
-    if (wire::read<quint32>(payload, checksumOffset) != _written_checksums.value(kind))
-        return refused(WrongChecksum, kind, QStringLiteral("wrong checksum"));
+        return refused(wrong_checksum, kind, QStringLiteral("nothing written to apply"));
+    if (wire::read<quint32>(payload, checksum_offset) != _written_checksums.value(kind))
+        return refused(wrong_checksum, kind, QStringLiteral("wrong checksum"));
 
     QByteArray answer;
-    wire::append(answer, quint8{Success});
+    wire::append(answer, quint8{success});
     wire::append(answer, kind);
     wire::append(answer, quint32{0});
     return {answer, {}, true};
@@ -131,10 +131,10 @@ QByteArray FileTransfers::refusal(quint8 status, quint8 kind)
 Reply FileTransfers::openRead(quint8 kind, quint32 offset)
 {
     if (offset != 0)
-        return refused(OutOfOrder, kind, QStringLiteral("first piece not at offset 0"));
+        return refused(out_of_order, kind, QStringLiteral("first piece not at offset 0"));
     const std::optional<QByteArray> content = _store.content(kind);
     if (!content)
-        return refused(NoContent, kind);
+        return refused(no_content, kind);
     const quint32 size = _settings.announced.value_or(static_cast<quint32>(content->size()));
     _read = Transfer{kind, ++_last_handle, 0, size, *content};
     return servePiece();
@@ -149,30 +149,30 @@ Reply FileTransfers::servePiece()
 
     _read->position += static_cast<quint32>(data.size());
     // No further request is due after a short piece, whatever size was announced.
-    if (data.size() < pieceSize || _read->position >= _read->size)
+    if (data.size() < piece_size || _read->position >= _read->size)
         _read.reset();
     return {answer, {}};
 }
 
 Reply FileTransfers::openWrite(quint8 kind, const QByteArray &payload)
 {
-    if (wire::read<quint32>(payload, positionOffset) != 0)
-        return refused(OutOfOrder, kind, QStringLiteral("first piece not at offset 0"));
-    _write = Transfer{kind, ++_last_handle, 0, wire::read<quint32>(payload, totalOffset), {}};
+    if (wire::read<quint32>(payload, position_offset) != 0)
+        return refused(out_of_order, kind, QStringLiteral("first piece not at offset 0"));
+    _write = Transfer{kind, ++_last_handle, 0, wire::read<quint32>(payload, total_offset), {}};
     return acceptPiece(payload);
 }
 
 Reply FileTransfers::acceptPiece(const QByteArray &payload)
 {
     const quint8 kind = _write->kind;
-    const qsizetype length = wire::read<quint16>(payload, lengthOffset);
-    const QByteArray data = payload.sliced(writeRequestSize);
-    if (wire::read<quint32>(payload, totalOffset) != _write->size)
-        return refused(OutOfOrder, kind, QStringLiteral("total size changed"));
-    if (length != std::min<qsizetype>(_write->size - _write->position, pieceSize))
-        return refused(OutOfOrder, kind, QStringLiteral("wrong piece length"));
+    const qsizetype length = wire::read<quint16>(payload, length_offset);
+    const QByteArray data = payload.sliced(write_request_size);
+    if (wire::read<quint32>(payload, total_offset) != _write->size)
+        return refused(out_of_order, kind, QStringLiteral("total size changed"));
+    if (length != std::min<qsizetype>(_write->size - _write->position, piece_size))
+        return refused(out_of_order, kind, QStringLiteral("wrong piece length"));
     if (data.size() != length)
-        return refused(OutOfOrder, kind, QStringLiteral("length differs from the data's"));
+        return refused(out_of_order, kind, QStringLiteral("length differs from the data's"));
 
     const qsizetype accepted = std::min(length, _settings.accept);
     const QByteArray answer = pieceAnswer(kind, _write->handle, _write->position, accepted);
@@ -184,7 +184,7 @@ Reply FileTransfers::acceptPiece(const QByteArray &payload)
     const QByteArray content = _write->content;
     _write.reset();
     if (!_store.store(kind, content))
-        return refused(NotStored, kind);
+        return refused(not_stored, kind);
     _written_checksums.insert(kind, checksum(content));
     return {answer, {}};
 }

@@ -37,24 +37,24 @@ struct TransferSettings {
 /// A refusal is answered with a status other than "1" and the file, 2 bytes in all.
 class FileTransfers {
 public:
-    static constexpr qsizetype readRequestSize = 1 + 4 + 4 + 2;
-    static constexpr qsizetype writeRequestSize = 1 + 4 + 4 + 2 + 4; ///< without data
-    static constexpr qsizetype applyRequestSize = 1 + 4 + 4;
-    static constexpr qsizetype pieceSize = 512; ///< of a piece as the tool asks for it or sends it
+    static constexpr qsizetype read_request_size = 1 + 4 + 4 + 2;
+    static constexpr qsizetype write_request_size = 1 + 4 + 4 + 2 + 4; ///< without data
+    static constexpr qsizetype apply_request_size = 1 + 4 + 4;
+    static constexpr qsizetype piece_size = 512; ///< of a piece as the tool asks for it or sends it
 
     explicit FileTransfers(const TransferSettings &settings);
 
-    /// @a payload of readRequestSize bytes.
+    /// \a payload of read_request_size bytes.
     Reply read(const QByteArray &payload);
-    /// @a payload of writeRequestSize bytes or more.
+    /// \a payload of write_request_size bytes or more.
     Reply write(const QByteArray &payload);
-    /// @a payload of applyRequestSize bytes.
+    /// \a payload of apply_request_size bytes.
     Reply apply(const QByteArray &payload);
 
     /// Forgets the transfers under way; a write that is cut off so leaves the old file in place.
     void forget();
 
-    /// The refusal of a request for the file @a kind.
+    /// The refusal of a request for the file \a kind.
     static QByteArray refusal(quint8 status, quint8 kind);
 
 private:

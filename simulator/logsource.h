@@ -31,14 +31,14 @@ class LogSource {
 public:
     explicit LogSource(const LogSettings &settings);
 
-    /// The next record that @a mask lets through; nothing when it lets none through or all have been sent.
+    /// The next record that \a mask lets through; nothing when it lets none through or all have been sent.
     std::optional<QByteArray> next(quint32 mask);
 
 private:
     [[nodiscard]] std::optional<QByteArray> nextText(quint32 mask);
     [[nodiscard]] std::optional<QByteArray> nextOfCycle(quint32 mask);
     [[nodiscard]] QByteArray record(
-        quint8 log, quint8 type, const QByteArray &data, bool longMilliseconds = false) const;
+        quint8 log, quint8 type, const QByteArray &data, bool long_milliseconds = false) const;
 
     const LogSettings _settings;
     const std::chrono::milliseconds _start;

@@ -12,22 +12,22 @@
 
 namespace {
 
-constexpr int exitOrderly = 0;
-constexpr int exitComplained = 1;
-constexpr int exitFailed = 2;
+constexpr int exit_orderly = 0;
+constexpr int exit_complained = 1;
+constexpr int exit_failed = 2;
 
 // A signal handler may do next to nothing, so it wakes the event loop through a pipe.
-std::array<int, 2> signalPipe{-1, -1};
+std::array<int, 2> signal_pipe{-1, -1};
 
 extern "C" void wakeEventLoop(int /*signal*/)
 {
     const char byte = 0;
-    [[maybe_unused]] const auto written = ::write(signalPipe[1], &byte, 1);
+    [[maybe_unused]] const auto written = ::write(signal_pipe[1], &byte, 1);
 }
 
 bool catchSignals()
 {
-    if (::pipe2(signalPipe.data(), O_CLOEXEC | O_NONBLOCK) != 0)
+    if (::pipe2(signal_pipe.data(), O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
     struct sigaction action { };
     action.sa_handler = wakeEventLoop;
@@ -49,7 +49,7 @@ void quitAtEndOfInput()
 int fail(const QString &why)
 {
     std::fprintf(stderr, "jvx-simulator: %s\n", qUtf8Printable(why));
-    return exitFailed;
+    return exit_failed;
 }
 
 void quitFailed(const QString &why)
@@ -61,12 +61,12 @@ int run(const Options &options)
 {
     if (!catchSignals())
         return fail(QStringLiteral("cannot catch signals"));
-    const QSocketNotifier signalNotifier(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&signalNotifier, &QSocketNotifier::activated, qApp, &QCoreApplication::quit);
+    const QSocketNotifier signal_notifier(signal_pipe[0], QSocketNotifier::Read);
+    QObject::connect(&signal_notifier, &QSocketNotifier::activated, qApp, &QCoreApplication::quit);
 
-    QSocketNotifier inputNotifier(STDIN_FILENO, QSocketNotifier::Read);
-    inputNotifier.setEnabled(options.untilEof);
-    QObject::connect(&inputNotifier, &QSocketNotifier::activated, qApp, quitAtEndOfInput);
+    QSocketNotifier input_notifier(STDIN_FILENO, QSocketNotifier::Read);
+    input_notifier.setEnabled(options.until_eof);
+    QObject::connect(&input_notifier, &QSocketNotifier::activated, qApp, quitAtEndOfInput);
 
     Simulation simulation(options);
     QObject::connect(&simulation, &Simulation::failed, qApp, quitFailed);
@@ -74,9 +74,9 @@ int run(const Options &options)
         return fail(simulation.errorString());
     const int status = QCoreApplication::exec();
     simulation.finish();
-    if (status != exitOrderly)
+    if (status != exit_orderly)
         return status;
-    return simulation.hasComplained() ? exitComplained : exitOrderly;
+    return simulation.hasComplained() ? exit_complained : exit_orderly;
 }
 
 int obey(const Options &options)
@@ -84,10 +84,10 @@ int obey(const Options &options)
     switch (options.action) {
     case Options::Action::ShowHelp:
         std::fputs(qUtf8Printable(options.help), stdout);
-        return exitOrderly;
+        return exit_orderly;
     case Options::Action::ShowVersion:
         std::printf("jvx-simulator %s\n", JVX_VERSION);
-        return exitOrderly;
+        return exit_orderly;
     case Options::Action::Run:
         return run(options);
     }

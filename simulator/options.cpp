@@ -16,7 +16,7 @@ QList<QCommandLineOption> knownOptions()
     const QString hex = QStringLiteral("hex");
     const QString key = QStringLiteral("key");
     const QString path = QStringLiteral("path");
-    const QString oneIn = QStringLiteral("n");
+    const QString one_in = QStringLiteral("n");
     const QString bytes = QStringLiteral("bytes");
     return {
         {QStringLiteral("link"), QStringLiteral("Name of the serial port: a symbolic link to make. Required."), path},
@@ -87,15 +87,15 @@ QList<QCommandLineOption> knownOptions()
             QStringLiteral("Precede every packet with 1 to so many random bytes, sometimes holding \"@JVX\" or a part "
                            "of it."),
             bytes},
-        {QStringLiteral("damage-header"), QStringLiteral("Flip a bit in the header of one in N packets."), oneIn},
-        {QStringLiteral("damage-body"), QStringLiteral("Flip a bit in the body of one in N packets."), oneIn},
-        {QStringLiteral("lose"), QStringLiteral("Lose one in N answers."), oneIn},
-        {QStringLiteral("duplicate"), QStringLiteral("Send one in N answers twice."), oneIn},
+        {QStringLiteral("damage-header"), QStringLiteral("Flip a bit in the header of one in N packets."), one_in},
+        {QStringLiteral("damage-body"), QStringLiteral("Flip a bit in the body of one in N packets."), one_in},
+        {QStringLiteral("lose"), QStringLiteral("Lose one in N answers."), one_in},
+        {QStringLiteral("duplicate"), QStringLiteral("Send one in N answers twice."), one_in},
         {QStringLiteral("late"), QStringLiteral("Delay one in N answers by so much more."), QStringLiteral("n:ms")},
         {QStringLiteral("foreign-rate"),
-            QStringLiteral("Precede one in N answers about files with one for another kind."), oneIn},
+            QStringLiteral("Precede one in N answers about files with one for another kind."), one_in},
         {QStringLiteral("error-rate"), QStringLiteral("Refuse one in N requests for files with an error status."),
-            oneIn},
+            one_in},
     };
 }
 
@@ -109,7 +109,7 @@ public:
 
     [[nodiscard]] bool isSet(const QString &name) const { return _parser.isSet(name); }
 
-    /// The option's text, @a fallback when the option is not given.
+    /// The option's text, \a fallback when the option is not given.
     [[nodiscard]] QString text(const QString &name, const QString &fallback = {}) const
     {
         return isSet(name) ? _parser.value(name) : fallback;
@@ -175,7 +175,7 @@ public:
 
     [[nodiscard]] std::chrono::milliseconds milliseconds(const QString &name) const
     {
-        return std::chrono::milliseconds(number(name, 0, 0, longestDelay));
+        return std::chrono::milliseconds(number(name, 0, 0, longest_delay));
     }
 
     /// The value of the form N:MS of --late.
@@ -186,18 +186,18 @@ public:
             return;
         const auto [count, delay] = split(name, text(name), QLatin1Char(':'));
         settings.late = static_cast<int>(numberIn(name, count, 1, std::numeric_limits<int>::max()));
-        settings.lateness = std::chrono::milliseconds(numberIn(name, delay, 0, longestDelay));
+        settings.lateness = std::chrono::milliseconds(numberIn(name, delay, 0, longest_delay));
     }
 
     /// The value of the form N, "random" or "every" of --split.
     void readSplit(FaultSettings &settings) const
     {
         const QString name = QStringLiteral("split");
-        settings.splitsAtRandom = text(name) == QStringLiteral("random");
+        settings.splits_at_random = text(name) == QStringLiteral("random");
         if (text(name) == QStringLiteral("every"))
-            settings.splitSize = 1;
-        else if (!settings.splitsAtRandom)
-            settings.splitSize = oneIn(name);
+            settings.split_size = 1;
+        else if (!settings.splits_at_random)
+            settings.split_size = oneIn(name);
     }
 
     /// The value of the form N[:before|after] of --drop-at.
@@ -207,10 +207,10 @@ public:
             return {};
         const QStringList parts = text(name).split(QLatin1Char(':'));
         const QString moment = parts.value(1, QStringLiteral("before"));
-        const bool afterAnswer = moment == QStringLiteral("after");
-        if (parts.size() > 2 || (!afterAnswer && moment != QStringLiteral("before")))
+        const bool after_answer = moment == QStringLiteral("after");
+        if (parts.size() > 2 || (!after_answer && moment != QStringLiteral("before")))
             throw bad(name, text(name));
-        return {static_cast<int>(numberIn(name, parts.first(), 1, std::numeric_limits<int>::max())), afterAnswer};
+        return {static_cast<int>(numberIn(name, parts.first(), 1, std::numeric_limits<int>::max())), after_answer};
     }
 
     [[nodiscard]] QSet<QByteArray> keys(const QString &name) const
@@ -258,7 +258,7 @@ public:
     }
 
 private:
-    static constexpr qsizetype longestDelay = 86400000; // ms
+    static constexpr qsizetype longest_delay = 86400000; // ms
 
     static UsageError bad(const QString &name, const QString &value)
     {
@@ -275,7 +275,7 @@ private:
 
     static QByteArray keyAmong(const QList<QByteArray> &keys, const QString &name, const QString &value)
     {
-        const QByteArray key = value.toUtf8();
+        QByteArray key = value.toUtf8();
         if (!keys.contains(key))
             throw bad(name, value);
         return key;
@@ -300,7 +300,7 @@ private:
     /// Bytes written as pairs of hexadecimal digits; QByteArray::fromHex would skip what is none.
     static QByteArray bytesOf(const QString &name, const QString &hex)
     {
-        const QByteArray decoded = QByteArray::fromHex(hex.toLatin1());
+        QByteArray decoded = QByteArray::fromHex(hex.toLatin1());
         if (decoded.toHex() != hex.toLatin1().toLower())
             throw bad(name, hex);
         return decoded;
@@ -310,7 +310,7 @@ private:
 };
 
 // A body is 65535 bytes at most; 65000 leave room for what goes before the data.
-constexpr qsizetype longestData = 65000;
+constexpr qsizetype longest_data = 65000;
 
 TransferSettings transferSettings(const Values &values)
 {
@@ -318,8 +318,8 @@ TransferSettings transferSettings(const Values &values)
     settings.directory = values.text(QStringLiteral("files"));
     if (!settings.directory.isEmpty() && !QFileInfo(settings.directory).isDir())
         throw UsageError(QStringLiteral("'%1' is not a directory").arg(settings.directory));
-    settings.accept = values.number(QStringLiteral("accept"), settings.accept, 0, FileTransfers::pieceSize);
-    settings.piece = values.number(QStringLiteral("piece"), settings.piece, 0, longestData);
+    settings.accept = values.number(QStringLiteral("accept"), settings.accept, 0, FileTransfers::piece_size);
+    settings.piece = values.number(QStringLiteral("piece"), settings.piece, 0, longest_data);
     if (values.isSet(QStringLiteral("announce")))
         settings.announced = static_cast<quint32>(
             values.number(QStringLiteral("announce"), 0, 0, std::numeric_limits<quint32>::max()));
@@ -337,7 +337,7 @@ QByteArrayList linesOf(const QString &path)
         QByteArray line = file.readLine();
         if (line.endsWith('\n'))
             line.chop(1);
-        if (line.size() > longestData)
+        if (line.size() > longest_data)
             throw UsageError(QStringLiteral("line too long in '%1'").arg(path));
         lines.append(line);
     }
@@ -365,43 +365,43 @@ TerminalSettings terminalSettings(const Values &values)
 {
     TerminalSettings settings;
     settings.name = values.text(QStringLiteral("name"), settings.name);
-    settings.softwareVersion = values.text(QStringLiteral("software-version"), settings.softwareVersion);
+    settings.software_version = values.text(QStringLiteral("software-version"), settings.software_version);
     settings.date = values.text(QStringLiteral("date"), settings.date);
     settings.language = values.text(QStringLiteral("language"), settings.language);
     settings.bhr = values.hexNumber(QStringLiteral("bhr"), settings.bhr, std::numeric_limits<quint64>::max());
     settings.imei = values.text(QStringLiteral("imei"), settings.imei);
     settings.mask = values.mask(QStringLiteral("mask"), settings.mask);
     if (values.isSet(QStringLiteral("mask-reply")))
-        settings.reportedMask = values.mask(QStringLiteral("mask-reply"), 0);
+        settings.reported_mask = values.mask(QStringLiteral("mask-reply"), 0);
     settings.log = logSettings(values);
-    settings.logsAlways = values.isSet(QStringLiteral("log-always"));
+    settings.logs_always = values.isSet(QStringLiteral("log-always"));
     settings.transfers = transferSettings(values);
     settings.statuses = values.statuses(QStringLiteral("status"));
-    settings.foreignAnswers = values.requestNumbers(QStringLiteral("foreign"));
+    settings.foreign_answers = values.requestNumbers(QStringLiteral("foreign"));
     settings.seed = ~values.seed(); // so that what befalls requests does not go along with what befalls the line
-    settings.errorRate = values.oneIn(QStringLiteral("error-rate"));
-    settings.foreignRate = values.oneIn(QStringLiteral("foreign-rate"));
+    settings.error_rate = values.oneIn(QStringLiteral("error-rate"));
+    settings.foreign_rate = values.oneIn(QStringLiteral("foreign-rate"));
     settings.drop = values.dropPoint(QStringLiteral("drop-at"));
-    settings.restartsBeforeFirmwareAnswer = values.isSet(QStringLiteral("restart-before-answer"));
-    settings.lastBytes = values.bytes(QStringLiteral("restart-junk"));
-    settings.fixedAnswers = values.payloads(QStringLiteral("answer"));
-    settings.silentKeys = values.keys(QStringLiteral("silent"));
-    settings.vanishingKeys = values.keys(QStringLiteral("vanish"));
+    settings.restarts_before_firmware_answer = values.isSet(QStringLiteral("restart-before-answer"));
+    settings.last_bytes = values.bytes(QStringLiteral("restart-junk"));
+    settings.fixed_answers = values.payloads(QStringLiteral("answer"));
+    settings.silent_keys = values.keys(QStringLiteral("silent"));
+    settings.vanishing_keys = values.keys(QStringLiteral("vanish"));
     return settings;
 }
 
 FaultSettings faultSettings(const Values &values)
 {
     // Garbage much longer than any packet tests nothing more.
-    constexpr qsizetype longestGarbage = 65535;
+    constexpr qsizetype longest_garbage = 65535;
 
     FaultSettings settings;
     settings.seed = values.seed();
     settings.latency = values.milliseconds(QStringLiteral("latency"));
     values.readSplit(settings);
-    settings.garbage = static_cast<int>(values.number(QStringLiteral("garbage"), 0, 1, longestGarbage));
-    settings.damagedHeaders = values.oneIn(QStringLiteral("damage-header"));
-    settings.damagedBodies = values.oneIn(QStringLiteral("damage-body"));
+    settings.garbage = static_cast<int>(values.number(QStringLiteral("garbage"), 0, 1, longest_garbage));
+    settings.damaged_headers = values.oneIn(QStringLiteral("damage-header"));
+    settings.damaged_bodies = values.oneIn(QStringLiteral("damage-body"));
     settings.lost = values.oneIn(QStringLiteral("lose"));
     settings.duplicated = values.oneIn(QStringLiteral("duplicate"));
     values.readLateness(settings);
@@ -414,19 +414,19 @@ Options parseOptions(const QStringList &arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Simulated vehicle telematics terminal on a pseudo-terminal."));
-    const QCommandLineOption helpOption = parser.addHelpOption();
-    const QCommandLineOption versionOption = parser.addVersionOption();
+    const QCommandLineOption help_option = parser.addHelpOption();
+    const QCommandLineOption version_option = parser.addVersionOption();
     parser.addOptions(knownOptions());
 
     Options options;
     if (!parser.parse(arguments))
         throw UsageError(parser.errorText());
-    if (parser.isSet(helpOption)) {
+    if (parser.isSet(help_option)) {
         options.action = Options::Action::ShowHelp;
         options.help = parser.helpText();
         return options;
     }
-    if (parser.isSet(versionOption)) {
+    if (parser.isSet(version_option)) {
         options.action = Options::Action::ShowVersion;
         return options;
     }
@@ -438,8 +438,8 @@ Options parseOptions(const QStringList &arguments)
     if (options.link.isEmpty())
         throw UsageError(QStringLiteral("option --link is required"));
     options.record = values.text(QStringLiteral("record"));
-    options.untilEof = values.isSet(QStringLiteral("until-eof"));
-    options.restartTime = values.seconds(QStringLiteral("restart"), options.restartTime);
+    options.until_eof = values.isSet(QStringLiteral("until-eof"));
+    options.restart_time = values.seconds(QStringLiteral("restart"), options.restart_time);
     options.returns = !values.isSet(QStringLiteral("no-return"));
     options.terminal = terminalSettings(values);
     options.faults = faultSettings(values);

@@ -16,11 +16,11 @@ struct Options {
     Action action = Action::Run;
     QString help; ///< the text to show for Action::ShowHelp
 
-    QString link;                                ///< path of the symbolic link that names the port
-    QString record;                              ///< path of the record file; empty: no record
-    bool untilEof = false;                       ///< end when standard input ends
-    std::chrono::milliseconds restartTime{1500}; ///< from dropping off the bus to coming back
-    bool returns = true;                         ///< whether the terminal comes back at all
+    QString link;                                 ///< path of the symbolic link that names the port
+    QString record;                               ///< path of the record file; empty: no record
+    bool until_eof = false;                       ///< end when standard input ends
+    std::chrono::milliseconds restart_time{1500}; ///< from dropping off the bus to coming back
+    bool returns = true;                          ///< whether the terminal comes back at all
     TerminalSettings terminal;
     FaultSettings faults;
 };

@@ -17,12 +17,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto drainLimit = 500ms;
-constexpr auto drainPollInterval = 10ms;
+constexpr auto drain_limit = 500ms;
+constexpr auto drain_poll_interval = 10ms;
 
 // The kernel passes bytes to the slave's input queue on a worker of its own, so one empty queue does not mean that
 // nothing is on its way, and what was read a moment ago may not have been looked at yet.
-constexpr int quietPollsWanted = 3;
+constexpr int quiet_polls_wanted = 3;
 
 /// Calls a system call again as long as a signal interrupts it.
 template <typename Call>
@@ -36,11 +36,11 @@ auto retried(Call call)
 
 } // namespace
 
-PseudoTerminal::PseudoTerminal(QString linkPath, QObject *parent)
+PseudoTerminal::PseudoTerminal(QString link_path, QObject *parent)
     : QObject(parent)
-    , _link_path(std::move(linkPath))
+    , _link_path(std::move(link_path))
 {
-    _drain_timer.setInterval(drainPollInterval);
+    _drain_timer.setInterval(drain_poll_interval);
     connect(&_drain_timer, &QTimer::timeout, this, &PseudoTerminal::pollWhetherRead);
 }
 
@@ -80,7 +80,7 @@ void PseudoTerminal::unplug()
 void PseudoTerminal::unplugOnceRead()
 {
     _quiet_polls = 0;
-    _drain_deadline.setRemainingTime(drainLimit);
+    _drain_deadline.setRemainingTime(drain_limit);
     _drain_timer.start();
 }
 
@@ -201,6 +201,6 @@ bool PseudoTerminal::isEverythingRead() const
 void PseudoTerminal::pollWhetherRead()
 {
     _quiet_polls = isEverythingRead() ? _quiet_polls + 1 : 0;
-    if (_quiet_polls >= quietPollsWanted || _drain_deadline.hasExpired())
+    if (_quiet_polls >= quiet_polls_wanted || _drain_deadline.hasExpired())
         unplug();
 }

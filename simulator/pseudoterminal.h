@@ -15,7 +15,7 @@ class PseudoTerminal : public QObject {
     Q_OBJECT
 
 public:
-    explicit PseudoTerminal(QString linkPath, QObject *parent = nullptr);
+    explicit PseudoTerminal(QString link_path, QObject *parent = nullptr);
     ~PseudoTerminal() override;
 
     /// Opens a pseudo-terminal in raw mode and publishes its name. An old symbolic link is replaced, anything else that
@@ -28,7 +28,7 @@ public:
     /// Unplugs as soon as the other side has read everything that was sent, or has not for half a second.
     void unplugOnceRead();
 
-    /// Queues @a bytes for the line. What is sent while received() is handled goes out in one piece. Does nothing while
+    /// Queues \a bytes for the line. What is sent while received() is handled goes out in one piece. Does nothing while
     /// unplugged.
     void send(const QByteArray &bytes);
 

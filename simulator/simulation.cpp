@@ -8,8 +8,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // At full speed a turn of the event loop must come to its end, and a line that is full must get time to empty.
-constexpr int logRecordsPerTurn = 100;
-constexpr auto logRetryInterval = 1ms;
+constexpr int log_records_per_turn = 100;
+constexpr auto log_retry_interval = 1ms;
 
 } // namespace
 
@@ -23,7 +23,7 @@ Simulation::Simulation(const Options &options, QObject *parent)
 {
     _restart_timer.setSingleShot(true);
     _restart_timer.setTimerType(Qt::PreciseTimer);
-    _restart_timer.setInterval(options.restartTime);
+    _restart_timer.setInterval(options.restart_time);
     connect(&_restart_timer, &QTimer::timeout, this, &Simulation::comeBack);
 
     _log_timer.setSingleShot(true);
@@ -98,10 +98,10 @@ void Simulation::sendDueLogRecords()
 {
     const std::chrono::nanoseconds period = *_options.terminal.log.period;
     const auto now = std::chrono::steady_clock::now();
-    for (int count = 0; count < logRecordsPerTurn && _next_log_record <= now; ++count) {
+    for (int count = 0; count < log_records_per_turn && _next_log_record <= now; ++count) {
         if (_line.isWriting() || !_port.isWilling() || !_terminal.sendLogRecord()) {
             // What was not sent is not made up for: the log goes on at its own rate.
-            _next_log_record = now + std::max<std::chrono::nanoseconds>(period, logRetryInterval);
+            _next_log_record = now + std::max<std::chrono::nanoseconds>(period, log_retry_interval);
             break;
         }
         _next_log_record += period;

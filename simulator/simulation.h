@@ -30,7 +30,7 @@ public:
     [[nodiscard]] bool hasComplained() const { return _has_complained; }
 
 Q_SIGNALS:
-    /// The run cannot go on; @a why is one line of text.
+    /// The run cannot go on; \a why is one line of text.
     void failed(const QString &why);
 
 private:

@@ -11,20 +11,20 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto installTime = 1s;
+constexpr auto install_time = 1s;
 
-constexpr quint8 firmwareKind = 1;
+constexpr quint8 firmware_kind = 1;
 
 // Small, as true error codes are; neither 0, which would read as no error, nor the "1" of a success.
-constexpr int largestRandomStatus = 15;
+constexpr int largest_random_status = 15;
 
-constexpr qsizetype answeredKindOffset = 1;
+constexpr qsizetype answered_kind_offset = 1;
 
-/// An answer that looks like @a payload, but is about another kind of file.
+/// An answer that looks like \a payload, but is about another kind of file.
 QByteArray foreignAnswer(QByteArray payload)
 {
-    const int kind = static_cast<quint8>(payload[answeredKindOffset]);
-    payload[answeredKindOffset] = static_cast<char>((kind + 1) % FileStore::kindCount);
+    const int kind = static_cast<quint8>(payload[answered_kind_offset]);
+    payload[answered_kind_offset] = static_cast<char>((kind + 1) % FileStore::kind_count);
     return payload;
 }
 
@@ -34,9 +34,9 @@ QByteArray foreignAnswer(QByteArray payload)
 struct Terminal::Command {
     QByteArrayView key;
     char direction; ///< "?" asks, "!" commands
-    qsizetype minimumPayload;
-    qsizetype maximumPayload;
-    bool isAboutFile; ///< then the payload begins with the file's kind, the answer's with a status and the kind
+    qsizetype minimum_payload;
+    qsizetype maximum_payload;
+    bool is_about_file; ///< then the payload begins with the file's kind, the answer's with a status and the kind
     Reply (Terminal::*handle)(const QByteArray &payload);
 
     static const std::array<Command, 7> all;
@@ -44,7 +44,7 @@ struct Terminal::Command {
     [[nodiscard]] QByteArray answer(const QByteArray &payload) const
     {
         QByteArray body;
-        body.append(wire::startCharacter).append(direction == '?' ? '#' : '@').append(key).append(payload);
+        body.append(wire::start_character).append(direction == '?' ? '#' : '@').append(key).append(payload);
         return wire::makePacket(body);
     }
 };
@@ -53,11 +53,11 @@ const std::array<Terminal::Command, 7> Terminal::Command::all = {{
     {QByteArrayView("V"), '?', 0, 0, false, &Terminal::softwareVersion},
     {QByteArrayView("H"), '?', 0, 0, false, &Terminal::hardwareVersion},
     {QByteArrayView("S"), '?', 0, 0, false, &Terminal::serialNumber},
-    {QByteArrayView("FR"), '!', FileTransfers::readRequestSize, FileTransfers::readRequestSize, true,
+    {QByteArrayView("FR"), '!', FileTransfers::read_request_size, FileTransfers::read_request_size, true,
         &Terminal::readFile},
-    {QByteArrayView("FW"), '!', FileTransfers::writeRequestSize,
-        FileTransfers::writeRequestSize + FileTransfers::pieceSize, true, &Terminal::writeFile},
-    {QByteArrayView("FU"), '!', FileTransfers::applyRequestSize, FileTransfers::applyRequestSize, true,
+    {QByteArrayView("FW"), '!', FileTransfers::write_request_size,
+        FileTransfers::write_request_size + FileTransfers::piece_size, true, &Terminal::writeFile},
+    {QByteArrayView("FU"), '!', FileTransfers::apply_request_size, FileTransfers::apply_request_size, true,
         &Terminal::applyFile},
     {QByteArrayView("LOG"), '!', 4, 4, false, &Terminal::setLogMask},
 }};
@@ -84,7 +84,7 @@ QList<QByteArray> Terminal::fileKeys()
 {
     QList<QByteArray> keys;
     for (const Command &command : Command::all) {
-        if (command.isAboutFile)
+        if (command.is_about_file)
             keys.append(command.key.toByteArray());
     }
     return keys;
@@ -140,9 +140,9 @@ void Terminal::powerUp()
 
 const Terminal::Command *Terminal::findCommand(QByteArrayView body)
 {
-    const QByteArrayView behindDirection = body.sliced(wire::keyOffset);
+    const QByteArrayView behind_direction = body.sliced(wire::key_offset);
     for (const Command &command : Command::all) {
-        if (behindDirection.startsWith(command.key))
+        if (behind_direction.startsWith(command.key))
             return &command;
     }
     return nullptr;
@@ -150,30 +150,30 @@ const Terminal::Command *Terminal::findCommand(QByteArrayView body)
 
 QString Terminal::faultOf(const Command *command, QByteArrayView body)
 {
-    if (body[0] != wire::startCharacter)
+    if (body[0] != wire::start_character)
         return QStringLiteral("wrong start character");
     if (command == nullptr)
         return QStringLiteral("unknown key");
-    if (body[wire::directionOffset] != command->direction)
+    if (body[wire::direction_offset] != command->direction)
         return QStringLiteral("wrong direction character");
-    const qsizetype payloadSize = body.size() - wire::keyOffset - command->key.size();
-    if (payloadSize < command->minimumPayload || payloadSize > command->maximumPayload)
+    const qsizetype payload_size = body.size() - wire::key_offset - command->key.size();
+    if (payload_size < command->minimum_payload || payload_size > command->maximum_payload)
         return QStringLiteral("wrong payload size");
     return {};
 }
 
 void Terminal::handlePacket(const QByteArray &packet)
 {
-    const bool isDropPoint = ++_packet_count == _settings.drop.packet;
-    if (!isDropPoint || _settings.drop.afterAnswer)
+    const bool is_drop_point = ++_packet_count == _settings.drop.packet;
+    if (!is_drop_point || _settings.drop.after_answer)
         handleRequest(packet);
-    if (isDropPoint && _on_bus)
+    if (is_drop_point && _on_bus)
         dropOff();
 }
 
 void Terminal::handleRequest(const QByteArray &packet)
 {
-    const QByteArray body = packet.sliced(wire::headerSize);
+    const QByteArray body = packet.sliced(wire::header_size);
     const Command *command = findCommand(body);
     if (const QString fault = faultOf(command, body); !fault.isEmpty()) {
         Q_EMIT malformedReceived(fault, packet);
@@ -186,14 +186,14 @@ void Terminal::serve(const Command &command, const QByteArray &packet)
 {
     const QByteArray key = command.key.toByteArray();
     const RequestNumber number{key, ++_request_counts[key]};
-    if (_settings.vanishingKeys.contains(key)) {
+    if (_settings.vanishing_keys.contains(key)) {
         dropOff();
         return;
     }
-    if (_settings.silentKeys.contains(key))
+    if (_settings.silent_keys.contains(key))
         return;
 
-    const Reply reply = replyTo(command, number, packet.sliced(wire::headerSize + wire::keyOffset + key.size()));
+    const Reply reply = replyTo(command, number, packet.sliced(wire::header_size + wire::key_offset + key.size()));
     if (!reply.complaint.isEmpty())
         Q_EMIT malformedReceived(reply.complaint, packet);
     if (reply.payload)
@@ -204,12 +204,12 @@ void Terminal::serve(const Command &command, const QByteArray &packet)
 
 Reply Terminal::replyTo(const Command &command, const RequestNumber &number, const QByteArray &payload)
 {
-    if (const auto fixed = _settings.fixedAnswers.constFind(number.first); fixed != _settings.fixedAnswers.cend())
+    if (const auto fixed = _settings.fixed_answers.constFind(number.first); fixed != _settings.fixed_answers.cend())
         return {*fixed, {}};
     if (const auto status = _settings.statuses.constFind(number); status != _settings.statuses.cend())
         return refuse(*status, payload);
-    if (command.isAboutFile && _dice.oneIn(_settings.errorRate))
-        return refuse(static_cast<quint8>(1 + _dice.below(largestRandomStatus)), payload);
+    if (command.is_about_file && _dice.oneIn(_settings.error_rate))
+        return refuse(static_cast<quint8>(1 + _dice.below(largest_random_status)), payload);
     return (this->*command.handle)(payload);
 }
 
@@ -221,54 +221,55 @@ Reply Terminal::refuse(quint8 status, const QByteArray &payload)
 
 void Terminal::sendAnswer(const Command &command, const RequestNumber &number, const QByteArray &payload)
 {
-    if (precedesWithForeign(command, number) && payload.size() > answeredKindOffset)
+    if (precedesWithForeign(command, number) && payload.size() > answered_kind_offset)
         Q_EMIT volunteered(command.answer(foreignAnswer(payload)));
-    if (_settings.logsAlways)
+    if (_settings.logs_always)
         sendLogRecord();
     Q_EMIT answered(command.answer(payload));
-    if (_settings.logsAlways)
+    if (_settings.logs_always)
         sendLogRecord();
 }
 
 bool Terminal::precedesWithForeign(const Command &command, const RequestNumber &number)
 {
-    return _settings.foreignAnswers.contains(number) || (command.isAboutFile && _dice.oneIn(_settings.foreignRate));
+    return _settings.foreign_answers.contains(number) || (command.is_about_file && _dice.oneIn(_settings.foreign_rate));
 }
 
 quint32 Terminal::effectiveMask() const
 {
-    constexpr quint32 everyLog = 0xFFFFFFFF;
-    if (_settings.logsAlways)
-        return _has_heard ? everyLog : 0;
+    constexpr quint32 every_log = 0xFFFFFFFF;
+    if (_settings.logs_always)
+        return _has_heard ? every_log : 0;
     return _mask;
 }
 
 /// A terminal that installs firmware without an answer is deaf for a while before it drops off.
-void Terminal::restart(bool hasAnswered)
+void Terminal::restart(bool has_answered)
 {
-    if (hasAnswered) {
+    if (has_answered) {
         dropOff();
         return;
     }
     _on_bus = false;
-    QTimer::singleShot(installTime, this, &Terminal::dropOff);
+    QTimer::singleShot(install_time, this, &Terminal::dropOff);
 }
 
 void Terminal::dropOff()
 {
     _on_bus = false;
     _stream.clear();
-    if (!_settings.lastBytes.isEmpty())
-        Q_EMIT volunteered(_settings.lastBytes);
+    if (!_settings.last_bytes.isEmpty())
+        Q_EMIT volunteered(_settings.last_bytes);
     Q_EMIT droppedOff();
 }
 
 Reply Terminal::softwareVersion(const QByteArray & /*payload*/)
 {
-    const QStringList fields{{}, _settings.name, _settings.softwareVersion, _settings.date, _settings.language};
+    const QStringList fields{{}, _settings.name, _settings.software_version, _settings.date, _settings.language};
     return {fields.join(QLatin1Char(':')).toUtf8(), {}};
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): the table of commands holds no const ones
 Reply Terminal::hardwareVersion(const QByteArray & /*payload*/)
 {
     QByteArray answer(":BHR:");
@@ -294,8 +295,8 @@ Reply Terminal::writeFile(const QByteArray &payload)
 Reply Terminal::applyFile(const QByteArray &payload)
 {
     Reply reply = _transfers.apply(payload);
-    const bool isFirmware = static_cast<quint8>(payload.front()) == firmwareKind;
-    if (reply.restarts && isFirmware && _settings.restartsBeforeFirmwareAnswer)
+    const bool is_firmware = static_cast<quint8>(payload.front()) == firmware_kind;
+    if (reply.restarts && is_firmware && _settings.restarts_before_firmware_answer)
         reply.payload.reset();
     return reply;
 }
@@ -304,6 +305,6 @@ Reply Terminal::setLogMask(const QByteArray &payload)
 {
     _mask = wire::read<quint32>(payload, 0);
     QByteArray answer;
-    wire::append(answer, _settings.reportedMask.value_or(_mask));
+    wire::append(answer, _settings.reported_mask.value_or(_mask));
     return {answer, {}};
 }

@@ -17,38 +17,38 @@ using RequestNumber = std::pair<QByteArray, int>;
 
 /// A moment at which the terminal drops off the bus.
 struct DropPoint {
-    int packet = 0;           ///< on the packet of this number, counted from 1 on over restarts; 0: never
-    bool afterAnswer = false; ///< whether that packet is answered first
+    int packet = 0;            ///< on the packet of this number, counted from 1 on over restarts; 0: never
+    bool after_answer = false; ///< whether that packet is answered first
 };
 
 /// Who the terminal says it is and how it behaves.
 struct TerminalSettings {
     QString name = QStringLiteral("JVX terminal");
-    QString softwareVersion = QStringLiteral("1.4.2");
+    QString software_version = QStringLiteral("1.4.2");
     QString date = QStringLiteral("2026-03-01");
     QString language = QStringLiteral("en");
     quint64 bhr = 0x10A2B3C4D5; ///< hardware version word
     QString imei = QStringLiteral("350000000000017");
     quint32 mask = 0; ///< log mask in force after power-up
 
-    std::optional<quint32> reportedMask; ///< told in the answer to a log mask, in place of the one in force
+    std::optional<quint32> reported_mask; ///< told in the answer to a log mask, in place of the one in force
     LogSettings log;
-    bool logsAlways = false; ///< send the log irrespective of the mask, and around every answer
+    bool logs_always = false; ///< send the log irrespective of the mask, and around every answer
     TransferSettings transfers;
 
-    QHash<QByteArray, QByteArray> fixedAnswers; ///< payload to answer a key with, in place of the true one
-    QSet<QByteArray> silentKeys;                ///< requests that get no answer
-    QSet<QByteArray> vanishingKeys;             ///< requests on which the terminal drops off the bus without an answer
-    QHash<RequestNumber, quint8> statuses;      ///< requests for files to refuse, with the status to give
-    QSet<RequestNumber> foreignAnswers;         ///< answers to precede with one for another kind of file
+    QHash<QByteArray, QByteArray> fixed_answers; ///< payload to answer a key with, in place of the true one
+    QSet<QByteArray> silent_keys;                ///< requests that get no answer
+    QSet<QByteArray> vanishing_keys;             ///< requests on which the terminal drops off the bus without an answer
+    QHash<RequestNumber, quint8> statuses;       ///< requests for files to refuse, with the status to give
+    QSet<RequestNumber> foreign_answers;         ///< answers to precede with one for another kind of file
 
-    quint32 seed = 1;    ///< of the rates below
-    int errorRate = 0;   ///< one in N requests for files is refused; 0: none
-    int foreignRate = 0; ///< one in N answers about files is preceded by a foreign one; 0: none
+    quint32 seed = 1;     ///< of the rates below
+    int error_rate = 0;   ///< one in N requests for files is refused; 0: none
+    int foreign_rate = 0; ///< one in N answers about files is preceded by a foreign one; 0: none
 
     DropPoint drop;
-    bool restartsBeforeFirmwareAnswer = false; ///< answer the apply of firmware only by a restart, 1 s later
-    QByteArray lastBytes;                      ///< sent just before dropping off the bus
+    bool restarts_before_firmware_answer = false; ///< answer the apply of firmware only by a restart, 1 s later
+    QByteArray last_bytes;                        ///< sent just before dropping off the bus
 };
 
 /// The terminal itself: requests in, answers out, no port. It judges requests strictly; one that is not well-formed is
@@ -78,15 +78,15 @@ public:
     void powerUp();
 
 Q_SIGNALS:
-    /// A whole packet with correct checksums came in, @a packet includes its header.
+    /// A whole packet with correct checksums came in, \a packet includes its header.
     void packetReceived(const QByteArray &packet);
     /// The answer to the request that was received last.
     void answered(const QByteArray &packet);
-    /// The terminal sends @a bytes on its own account.
+    /// The terminal sends \a bytes on its own account.
     void volunteered(const QByteArray &bytes);
     /// The terminal drops off the bus, after everything emitted so far has gone out.
     void droppedOff();
-    /// Something that is no correct request came in. @a reason is one line of English.
+    /// Something that is no correct request came in. \a reason is one line of English.
     void malformedReceived(const QString &reason, const QByteArray &bytes);
 
 private:
@@ -103,7 +103,7 @@ private:
     bool precedesWithForeign(const Command &command, const RequestNumber &number);
     [[nodiscard]] quint32 effectiveMask() const;
     Reply refuse(quint8 status, const QByteArray &payload);
-    void restart(bool hasAnswered);
+    void restart(bool has_answered);
     void dropOff();
 
     Reply softwareVersion(const QByteArray &payload);

@@ -8,11 +8,15 @@ namespace wire {
 
 namespace {
 
-constexpr QByteArrayView magic("@JVX", 4);
-constexpr qsizetype minimumBodySize = 3;
+constexpr qsizetype first_address_offset = 4;
+constexpr qsizetype second_address_offset = 8;
+constexpr qsizetype body_size_offset = 12;
+constexpr qsizetype body_checksum_offset = 14;
+constexpr qsizetype header_checksum_offset = 15;
+constexpr qsizetype minimum_body_size = 3;
 
-constexpr quint32 toolAddress = 0;
-constexpr quint32 terminalAddress = 1;
+constexpr quint32 tool_address = 0;
+constexpr quint32 terminal_address = 1;
 
 quint8 exclusiveOr(QByteArrayView bytes)
 {
@@ -27,7 +31,7 @@ bool mayStartPacket(QByteArrayView stream)
     return stream.first(arrived) == magic.first(arrived);
 }
 
-/// Where the next packet may start at or behind @a from; the end of the stream when nowhere.
+/// Where the next packet may start at or behind \a from; the end of the stream when nowhere.
 qsizetype nextStart(QByteArrayView stream, qsizetype from)
 {
     while (from < stream.size() && !mayStartPacket(stream.sliced(from)))
@@ -37,18 +41,19 @@ qsizetype nextStart(QByteArrayView stream, qsizetype from)
 
 QByteArray takeFront(QByteArray &stream, qsizetype size)
 {
-    const QByteArray front = stream.first(size);
+    QByteArray front = stream.first(size);
     stream.remove(0, size);
     return front;
 }
 
 QString headerFault(QByteArrayView header)
 {
-    if (static_cast<quint8>(header[15]) != exclusiveOr(header.first(15)))
+    if (static_cast<quint8>(header[header_checksum_offset]) != exclusiveOr(header.first(header_checksum_offset)))
         return QStringLiteral("wrong header checksum");
-    if (read<quint32>(header, 4) != toolAddress || read<quint32>(header, 8) != terminalAddress)
+    if (read<quint32>(header, first_address_offset) != tool_address
+        || read<quint32>(header, second_address_offset) != terminal_address)
         return QStringLiteral("wrong address words");
-    if (read<quint16>(header, 12) < minimumBodySize)
+    if (read<quint16>(header, body_size_offset) < minimum_body_size)
         return QStringLiteral("body too short");
     return {};
 }
@@ -63,19 +68,19 @@ Item takeItem(QByteArray &stream)
         const qsizetype end = nextStart(stream, 1);
         return {Kind::Malformed, takeFront(stream, end), QStringLiteral("bytes outside a packet")};
     }
-    if (stream.size() < headerSize)
+    if (stream.size() < header_size)
         return {};
 
-    if (const QString fault = headerFault(QByteArrayView(stream).first(headerSize)); !fault.isEmpty()) {
+    if (const QString fault = headerFault(QByteArrayView(stream).first(header_size)); !fault.isEmpty()) {
         const qsizetype end = nextStart(stream, magic.size());
         return {Kind::Malformed, takeFront(stream, end), fault};
     }
-    const qsizetype packetSize = headerSize + read<quint16>(stream, 12);
-    if (stream.size() < packetSize)
+    const qsizetype packet_size = header_size + read<quint16>(stream, body_size_offset);
+    if (stream.size() < packet_size)
         return {};
 
-    const QByteArray packet = takeFront(stream, packetSize);
-    if (static_cast<quint8>(packet[14]) != exclusiveOr(QByteArrayView(packet).sliced(headerSize)))
+    const QByteArray packet = takeFront(stream, packet_size);
+    if (static_cast<quint8>(packet[body_checksum_offset]) != exclusiveOr(QByteArrayView(packet).sliced(header_size)))
         return {Kind::Malformed, packet, QStringLiteral("wrong body checksum")};
     return {Kind::Packet, packet, {}};
 }
@@ -83,10 +88,10 @@ Item takeItem(QByteArray &stream)
 QByteArray makePacket(const QByteArray &body)
 {
     QByteArray packet;
-    packet.reserve(headerSize + body.size());
+    packet.reserve(header_size + body.size());
     packet.append(magic);
-    append(packet, terminalAddress);
-    append(packet, toolAddress);
+    append(packet, terminal_address);
+    append(packet, tool_address);
     append(packet, static_cast<quint16>(body.size()));
     append(packet, exclusiveOr(body));
     append(packet, exclusiveOr(packet));

@@ -19,10 +19,11 @@
 ///         16     -  body: "*", a direction character, a key, a payload
 namespace wire {
 
-constexpr qsizetype headerSize = 16;
-constexpr qsizetype directionOffset = 1;
-constexpr qsizetype keyOffset = 2;
-constexpr char startCharacter = '*';
+constexpr QByteArrayView magic = "@JVX";
+constexpr qsizetype header_size = 16;
+constexpr qsizetype direction_offset = 1;
+constexpr qsizetype key_offset = 2;
+constexpr char start_character = '*';
 
 /// What stands at the front of a received byte stream.
 struct Item {
@@ -36,14 +37,14 @@ struct Item {
     QString reason;
 };
 
-/// Takes the next item off the front of @a stream; leaves the stream alone when it is Incomplete. Judges strictly: any
+/// Takes the next item off the front of \a stream; leaves the stream alone when it is Incomplete. Judges strictly: any
 /// byte outside a packet and any header that differs from the table above is Malformed.
 Item takeItem(QByteArray &stream);
 
-/// A packet as the terminal sends it. @a body is 3 to 65535 bytes long.
+/// A packet as the terminal sends it. \a body is 3 to 65535 bytes long.
 QByteArray makePacket(const QByteArray &body);
 
-/// Appends @a value to @a bytes, little-endian.
+/// Appends \a value to \a bytes, little-endian.
 template <typename Integer>
 void append(QByteArray &bytes, Integer value)
 {
@@ -51,7 +52,7 @@ void append(QByteArray &bytes, Integer value)
     bytes.append(reinterpret_cast<const char *>(&little), sizeof little);
 }
 
-/// The little-endian integer at @a offset; the caller has checked that @a bytes reaches that far.
+/// The little-endian integer at \a offset; the caller has checked that \a bytes reaches that far.
 template <typename Integer>
 Integer read(QByteArrayView bytes, qsizetype offset)
 {

@@ -13,36 +13,36 @@
 
 namespace {
 
-const QByteArray askSoftwareVersion = QByteArray::fromHex("404a56580000000001000000030043452a3f56");
-const QByteArray askHardwareVersion = QByteArray::fromHex("404a5658000000000100000003005d5b2a3f48");
-const QByteArray askSerialNumber = QByteArray::fromHex("404a56580000000001000000030046402a3f53");
-const QByteArray setMask4000 = QByteArray::fromHex("404a5658000000000100000009000f032a214c4f4700400000");
+const QByteArray ask_software_version = QByteArray::fromHex("404a56580000000001000000030043452a3f56");
+const QByteArray ask_hardware_version = QByteArray::fromHex("404a5658000000000100000003005d5b2a3f48");
+const QByteArray ask_serial_number = QByteArray::fromHex("404a56580000000001000000030046402a3f53");
+const QByteArray set_mask4000 = QByteArray::fromHex("404a5658000000000100000009000f032a214c4f4700400000");
 
-const QByteArray softwareVersion
+const QByteArray software_version
     = QByteArray::fromHex("404a56580100000000000000240007262a23563a4a5658207465726d696e616c"
                           "3a312e342e323a323032362d30332d30313a656e");
-const QByteArray hardwareVersion
+const QByteArray hardware_version
     = QByteArray::fromHex("404a565801000000000000001000091c2a23483a4248523ad5c4b3a210000000");
-const QByteArray serialNumber
+const QByteArray serial_number
     = QByteArray::fromHex("404a56580100000000000000130050462a23533a333530303030303030303030303137");
 const QByteArray mask4000 = QByteArray::fromHex("404a5658010000000000000009006e622a404c4f4700400000");
-const QByteArray shortSoftwareVersion = QByteArray::fromHex("404a56580100000000000000050024242a23563a41");
+const QByteArray short_software_version = QByteArray::fromHex("404a56580100000000000000050024242a23563a41");
 
 // The file "123456789" of kind 2.
-const QByteArray readKeys = QByteArray::fromHex("404a565800000000010000000f001f152a2146520200000000000000000002");
-const QByteArray keysRead = QByteArray::fromHex("404a565801000000000000001d00adb52a404652310201c3b2a1"
-                                                "00000000090009000000313233343536373839");
-const QByteArray writeKeys
+const QByteArray read_keys = QByteArray::fromHex("404a565800000000010000000f001f152a2146520200000000000000000002");
+const QByteArray keys_read = QByteArray::fromHex("404a565801000000000000001d00adb52a404652310201c3b2a1"
+                                                 "00000000090009000000313233343536373839");
+const QByteArray write_keys
     = QByteArray::fromHex("404a565800000000010000001c0029302a214657020000000000000000090009000000313233343536373839");
-const QByteArray keysWritten = QByteArray::fromHex("404a56580100000000000000100090852a404657310201c3b2a1000000000900");
-const QByteArray applyKeys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
-const QByteArray keysApplied = QByteArray::fromHex("404a565801000000000000000a004a452a404655310200000000");
+const QByteArray keys_written = QByteArray::fromHex("404a56580100000000000000100090852a404657310201c3b2a1000000000900");
+const QByteArray apply_keys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
+const QByteArray keys_applied = QByteArray::fromHex("404a565801000000000000000a004a452a404655310200000000");
 
-const QByteArray setMask0 = QByteArray::fromHex("404a5658000000000100000009004f432a214c4f4700000000");
-const QByteArray firstLogRecord = QByteArray::fromHex("404a565801000000000000001d0098802a3e4c4f470e00f1536500000123"
-                                                      "302069676e6974696f6e206f6e0d0a");
-const QByteArray secondLogRecord = QByteArray::fromHex("404a56580100000000000000250040602a3e4c4f470e00f15365f4010223"
-                                                       "3120737570706c7920766f6c746167652031322e362056");
+const QByteArray set_mask0 = QByteArray::fromHex("404a5658000000000100000009004f432a214c4f4700000000");
+const QByteArray first_log_record = QByteArray::fromHex("404a565801000000000000001d0098802a3e4c4f470e00f1536500000123"
+                                                        "302069676e6974696f6e206f6e0d0a");
+const QByteArray second_log_record = QByteArray::fromHex("404a56580100000000000000250040602a3e4c4f470e00f15365f4010223"
+                                                         "3120737570706c7920766f6c746167652031322e362056");
 
 /// A terminal and everything that it emitted.
 struct Bench {
@@ -50,7 +50,7 @@ struct Bench {
         : terminal(settings)
         , answered(&terminal, &Terminal::answered)
         , volunteered(&terminal, &Terminal::volunteered)
-        , droppedOff(&terminal, &Terminal::droppedOff)
+        , dropped_off(&terminal, &Terminal::droppedOff)
         , malformed(&terminal, &Terminal::malformedReceived)
     {
     }
@@ -77,16 +77,16 @@ struct Bench {
     Terminal terminal;
     QSignalSpy answered;
     QSignalSpy volunteered;
-    QSignalSpy droppedOff;
+    QSignalSpy dropped_off;
     QSignalSpy malformed;
 };
 
-/// @a packet, a request about the file kind 2, for another kind.
+/// \a packet, a request about the file kind 2, for another kind.
 QByteArray forKind(QByteArray packet, quint8 kind)
 {
-    constexpr qsizetype kindOffset = 20;
-    const int change = packet[kindOffset] ^ kind;
-    for (const qsizetype offset : {qsizetype{14}, qsizetype{15}, kindOffset})
+    constexpr qsizetype kind_offset = 20;
+    const int change = packet[kind_offset] ^ kind;
+    for (const qsizetype offset : {qsizetype{14}, qsizetype{15}, kind_offset})
         packet[offset] = static_cast<char>(packet[offset] ^ change);
     return packet;
 }
@@ -141,10 +141,10 @@ void SimulatorTest::aRequestIsAnswered_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<QByteArray>("answer");
-    QTest::newRow("software version") << askSoftwareVersion << softwareVersion;
-    QTest::newRow("hardware version") << askHardwareVersion << hardwareVersion;
-    QTest::newRow("serial number") << askSerialNumber << serialNumber;
-    QTest::newRow("log mask") << setMask4000 << mask4000;
+    QTest::newRow("software version") << ask_software_version << software_version;
+    QTest::newRow("hardware version") << ask_hardware_version << hardware_version;
+    QTest::newRow("serial number") << ask_serial_number << serial_number;
+    QTest::newRow("log mask") << set_mask4000 << mask4000;
 }
 
 void SimulatorTest::aRequestIsAnswered()
@@ -160,19 +160,19 @@ void SimulatorTest::aRequestIsAnswered()
 void SimulatorTest::aRequestMayArriveByteByByte()
 {
     Bench bench;
-    for (const char byte : askSoftwareVersion)
+    for (const char byte : ask_software_version)
         bench.terminal.receive(QByteArray(1, byte));
-    QCOMPARE(bench.answers(), softwareVersion);
+    QCOMPARE(bench.answers(), software_version);
     QCOMPARE(bench.complaints(), QStringList());
 }
 
 void SimulatorTest::requestsInOneReadAreAllAnswered()
 {
     Bench bench;
-    bench.terminal.receive(askHardwareVersion + askSerialNumber + setMask4000.first(20));
-    QCOMPARE(bench.answers(), hardwareVersion + serialNumber);
-    bench.terminal.receive(setMask4000.sliced(20));
-    QCOMPARE(bench.answers(), hardwareVersion + serialNumber + mask4000);
+    bench.terminal.receive(ask_hardware_version + ask_serial_number + set_mask4000.first(20));
+    QCOMPARE(bench.answers(), hardware_version + serial_number);
+    bench.terminal.receive(set_mask4000.sliced(20));
+    QCOMPARE(bench.answers(), hardware_version + serial_number + mask4000);
     QCOMPARE(bench.complaints(), QStringList());
 }
 
@@ -216,9 +216,9 @@ void SimulatorTest::whatIsNoCorrectRequestIsReported()
 void SimulatorTest::aRequestBehindGarbageIsAnswered()
 {
     Bench bench;
-    bench.terminal.receive(QByteArray("@JV") + askSerialNumber + QByteArray("@J"));
-    bench.terminal.receive(QByteArray("x") + askSerialNumber);
-    QCOMPARE(bench.answers(), serialNumber + serialNumber);
+    bench.terminal.receive(QByteArray("@JV") + ask_serial_number + QByteArray("@J"));
+    bench.terminal.receive(QByteArray("x") + ask_serial_number);
+    QCOMPARE(bench.answers(), serial_number + serial_number);
     QCOMPARE(bench.complaints(),
         QStringList(
             {QStringLiteral("bytes outside a packet: 404a56"), QStringLiteral("bytes outside a packet: 404a78")}));
@@ -227,7 +227,7 @@ void SimulatorTest::aRequestBehindGarbageIsAnswered()
 void SimulatorTest::anIncompletePacketIsReportedWhenTheLineIsLost()
 {
     Bench bench;
-    bench.terminal.receive(askSerialNumber.first(17));
+    bench.terminal.receive(ask_serial_number.first(17));
     QCOMPARE(bench.complaints(), QStringList());
     bench.terminal.loseLine();
     QCOMPARE(bench.complaints(),
@@ -240,48 +240,48 @@ void SimulatorTest::anIncompletePacketIsReportedWhenTheLineIsLost()
 void SimulatorTest::aFixedAnswerTakesThePlaceOfTheTrueOne()
 {
     TerminalSettings settings;
-    settings.fixedAnswers = {{QByteArray("V"), QByteArray(":A")}};
+    settings.fixed_answers = {{QByteArray("V"), QByteArray(":A")}};
     Bench bench(settings);
-    bench.terminal.receive(askSoftwareVersion);
-    bench.terminal.receive(askSerialNumber);
-    QCOMPARE(bench.answers(), shortSoftwareVersion + serialNumber);
+    bench.terminal.receive(ask_software_version);
+    bench.terminal.receive(ask_serial_number);
+    QCOMPARE(bench.answers(), short_software_version + serial_number);
 }
 
 void SimulatorTest::aSilentKeyGetsNoAnswer()
 {
     TerminalSettings settings;
-    settings.silentKeys = {QByteArray("H")};
+    settings.silent_keys = {QByteArray("H")};
     Bench bench(settings);
-    bench.terminal.receive(askHardwareVersion);
+    bench.terminal.receive(ask_hardware_version);
     QCOMPARE(bench.answers(), QByteArray());
-    bench.terminal.receive(askSerialNumber);
-    QCOMPARE(bench.answers(), serialNumber);
+    bench.terminal.receive(ask_serial_number);
+    QCOMPARE(bench.answers(), serial_number);
     QCOMPARE(bench.complaints(), QStringList());
 }
 
 void SimulatorTest::aVanishingTerminalIsDeafUntilItComesBack()
 {
     TerminalSettings settings;
-    settings.vanishingKeys = {QByteArray("S")};
+    settings.vanishing_keys = {QByteArray("S")};
     Bench bench(settings);
-    bench.terminal.receive(askSerialNumber + askHardwareVersion);
-    QCOMPARE(bench.droppedOff.count(), 1);
-    bench.terminal.receive(askHardwareVersion);
+    bench.terminal.receive(ask_serial_number + ask_hardware_version);
+    QCOMPARE(bench.dropped_off.count(), 1);
+    bench.terminal.receive(ask_hardware_version);
     QCOMPARE(bench.answers(), QByteArray());
     bench.terminal.powerUp();
-    bench.terminal.receive(askHardwareVersion);
-    QCOMPARE(bench.answers(), hardwareVersion);
+    bench.terminal.receive(ask_hardware_version);
+    QCOMPARE(bench.answers(), hardware_version);
     QCOMPARE(bench.complaints(), QStringList());
 }
 
 void SimulatorTest::aFileIsWrittenReadAndApplied()
 {
     Bench writing;
-    writing.terminal.receive(writeKeys);
-    QCOMPARE(writing.answers(), keysWritten);
-    writing.terminal.receive(applyKeys);
-    QCOMPARE(writing.answers(), keysWritten + keysApplied);
-    QCOMPARE(writing.droppedOff.count(), 1);
+    writing.terminal.receive(write_keys);
+    QCOMPARE(writing.answers(), keys_written);
+    writing.terminal.receive(apply_keys);
+    QCOMPARE(writing.answers(), keys_written + keys_applied);
+    QCOMPARE(writing.dropped_off.count(), 1);
     QCOMPARE(writing.complaints(), QStringList());
 
     const QTemporaryDir directory;
@@ -292,8 +292,8 @@ void SimulatorTest::aFileIsWrittenReadAndApplied()
     TerminalSettings settings;
     settings.transfers.directory = directory.path();
     Bench reading(settings);
-    reading.terminal.receive(readKeys);
-    QCOMPARE(reading.answers(), keysRead);
+    reading.terminal.receive(read_keys);
+    QCOMPARE(reading.answers(), keys_read);
     QCOMPARE(reading.complaints(), QStringList());
 }
 
@@ -304,11 +304,11 @@ void SimulatorTest::aScheduledStatusRefusesOneRequest()
     TerminalSettings settings;
     settings.statuses.insert({QByteArray("FW"), 2}, 0x30);
     Bench bench(settings);
-    bench.terminal.receive(writeKeys);
-    QCOMPARE(bench.answers(), keysWritten);
-    bench.terminal.receive(writeKeys);
-    QCOMPARE(bench.answers(), keysWritten + refusal);
-    bench.terminal.receive(writeKeys);
+    bench.terminal.receive(write_keys);
+    QCOMPARE(bench.answers(), keys_written);
+    bench.terminal.receive(write_keys);
+    QCOMPARE(bench.answers(), keys_written + refusal);
+    bench.terminal.receive(write_keys);
     QCOMPARE(bench.answered.count(), 3);
     QCOMPARE(bench.complaints(), QStringList());
 }
@@ -316,16 +316,16 @@ void SimulatorTest::aScheduledStatusRefusesOneRequest()
 void SimulatorTest::aForeignAnswerComesFirst()
 {
     TerminalSettings settings;
-    settings.foreignAnswers.insert({QByteArray("FW"), 1});
+    settings.foreign_answers.insert({QByteArray("FW"), 1});
     Terminal terminal(settings);
     QByteArrayList sent;
     connect(&terminal, &Terminal::volunteered, &terminal, [&sent](const QByteArray &bytes) { sent.append(bytes); });
     connect(&terminal, &Terminal::answered, &terminal, [&sent](const QByteArray &packet) { sent.append(packet); });
-    terminal.receive(writeKeys);
+    terminal.receive(write_keys);
     // The same answer for kind 3: one bit more in the body and in both checksums.
     const QByteArray foreign = QByteArray::fromHex("404a56580100000000000000100091842a404657310301c3b2a1000000000900");
-    QCOMPARE(sent, (QByteArrayList{foreign, keysWritten}));
-    terminal.receive(writeKeys);
+    QCOMPARE(sent, (QByteArrayList{foreign, keys_written}));
+    terminal.receive(write_keys);
     QCOMPARE(sent.size(), 3);
 }
 
@@ -342,26 +342,26 @@ void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
     QFETCH(const quint8, kind);
     QFETCH(const int, answers);
     TerminalSettings settings;
-    settings.restartsBeforeFirmwareAnswer = true;
+    settings.restarts_before_firmware_answer = true;
     Bench bench(settings);
-    bench.terminal.receive(forKind(writeKeys, kind));
-    bench.terminal.receive(forKind(applyKeys, kind));
+    bench.terminal.receive(forKind(write_keys, kind));
+    bench.terminal.receive(forKind(apply_keys, kind));
     QCOMPARE(bench.answered.count(), answers);
-    QCOMPARE(bench.droppedOff.count(), answers - 1); // unanswered, it takes a second to install first
-    bench.terminal.receive(askSerialNumber);
-    QTRY_COMPARE(bench.droppedOff.count(), 1);
+    QCOMPARE(bench.dropped_off.count(), answers - 1); // unanswered, it takes a second to install first
+    bench.terminal.receive(ask_serial_number);
+    QTRY_COMPARE(bench.dropped_off.count(), 1);
     QCOMPARE(bench.answered.count(), answers);
 }
 
 void SimulatorTest::theLastBytesComeBeforeTheDrop()
 {
     TerminalSettings settings;
-    settings.vanishingKeys = {QByteArray("S")};
-    settings.lastBytes = QByteArray("@JVX");
+    settings.vanishing_keys = {QByteArray("S")};
+    settings.last_bytes = QByteArray("@JVX");
     Bench bench(settings);
-    bench.terminal.receive(askSerialNumber);
+    bench.terminal.receive(ask_serial_number);
     QCOMPARE(Bench::joined(bench.volunteered), QByteArray("@JVX"));
-    QCOMPARE(bench.droppedOff.count(), 1);
+    QCOMPARE(bench.dropped_off.count(), 1);
 }
 
 void SimulatorTest::theLogFollowsTheMask()
@@ -371,22 +371,22 @@ void SimulatorTest::theLogFollowsTheMask()
     settings.log.period = std::chrono::milliseconds(500);
     Bench bench(settings);
     QVERIFY(!bench.terminal.sendLogRecord());
-    bench.terminal.receive(setMask4000);
+    bench.terminal.receive(set_mask4000);
     QVERIFY(bench.terminal.sendLogRecord());
     QVERIFY(bench.terminal.sendLogRecord());
-    QCOMPARE(Bench::joined(bench.volunteered), firstLogRecord + secondLogRecord);
-    bench.terminal.receive(setMask0);
+    QCOMPARE(Bench::joined(bench.volunteered), first_log_record + second_log_record);
+    bench.terminal.receive(set_mask0);
     QVERIFY(!bench.terminal.sendLogRecord());
 }
 
 void SimulatorTest::theMaskInForceComesBackAfterARestart()
 {
     TerminalSettings settings;
-    settings.vanishingKeys = {QByteArray("S")};
+    settings.vanishing_keys = {QByteArray("S")};
     Bench bench(settings);
-    bench.terminal.receive(setMask4000);
+    bench.terminal.receive(set_mask4000);
     QVERIFY(bench.terminal.sendLogRecord());
-    bench.terminal.receive(askSerialNumber);
+    bench.terminal.receive(ask_serial_number);
     QVERIFY(!bench.terminal.sendLogRecord());
     bench.terminal.powerUp();
     QVERIFY(!bench.terminal.sendLogRecord());
@@ -395,9 +395,9 @@ void SimulatorTest::theMaskInForceComesBackAfterARestart()
 void SimulatorTest::theReportedMaskCanBeAnother()
 {
     TerminalSettings settings;
-    settings.reportedMask = 0x12345678;
+    settings.reported_mask = 0x12345678;
     Bench bench(settings);
-    bench.terminal.receive(setMask4000);
+    bench.terminal.receive(set_mask4000);
     QCOMPARE(bench.answers(), QByteArray::fromHex("404a565801000000000000000900262a2a404c4f4778563412"));
     QVERIFY(bench.terminal.sendLogRecord());
 }
@@ -407,49 +407,49 @@ void SimulatorTest::theLogCanBeGluedAroundAnswers()
     TerminalSettings settings;
     settings.log.start = 1700000000;
     settings.log.period = std::chrono::milliseconds(500);
-    settings.logsAlways = true;
+    settings.logs_always = true;
     Terminal terminal(settings);
     QByteArray sent;
     connect(&terminal, &Terminal::volunteered, &terminal, [&sent](const QByteArray &bytes) { sent.append(bytes); });
     connect(&terminal, &Terminal::answered, &terminal, [&sent](const QByteArray &packet) { sent.append(packet); });
     QVERIFY(!terminal.sendLogRecord());
-    terminal.receive(askSerialNumber);
-    QCOMPARE(sent, firstLogRecord + serialNumber + secondLogRecord);
+    terminal.receive(ask_serial_number);
+    QCOMPARE(sent, first_log_record + serial_number + second_log_record);
     QVERIFY(terminal.sendLogRecord());
 }
 
 void SimulatorTest::aTerminalMayDropOffAtAnyPacket_data()
 {
-    QTest::addColumn<bool>("afterAnswer");
+    QTest::addColumn<bool>("after_answer");
     QTest::newRow("before its answer") << false;
     QTest::newRow("after its answer") << true;
 }
 
 void SimulatorTest::aTerminalMayDropOffAtAnyPacket()
 {
-    QFETCH(const bool, afterAnswer);
+    QFETCH(const bool, after_answer);
     TerminalSettings settings;
-    settings.drop = {2, afterAnswer};
+    settings.drop = {2, after_answer};
     Bench bench(settings);
-    bench.terminal.receive(askHardwareVersion + askSerialNumber + askSoftwareVersion);
-    QCOMPARE(bench.answers(), afterAnswer ? hardwareVersion + serialNumber : hardwareVersion);
-    QCOMPARE(bench.droppedOff.count(), 1);
+    bench.terminal.receive(ask_hardware_version + ask_serial_number + ask_software_version);
+    QCOMPARE(bench.answers(), after_answer ? hardware_version + serial_number : hardware_version);
+    QCOMPARE(bench.dropped_off.count(), 1);
     bench.terminal.powerUp();
-    bench.terminal.receive(askSerialNumber + askSerialNumber);
-    QCOMPARE(bench.droppedOff.count(), 1);
+    bench.terminal.receive(ask_serial_number + ask_serial_number);
+    QCOMPARE(bench.dropped_off.count(), 1);
     QCOMPARE(bench.complaints(), QStringList());
 }
 
 void SimulatorTest::oneInNFileRequestsIsRefused()
 {
     TerminalSettings settings;
-    settings.errorRate = 4;
+    settings.error_rate = 4;
     Bench bench(settings);
     for (int i = 0; i < 400; ++i)
-        bench.terminal.receive(writeKeys + askSerialNumber);
+        bench.terminal.receive(write_keys + ask_serial_number);
     QCOMPARE(bench.answered.count(), 800);
     const QByteArray answers = bench.answers();
-    QCOMPARE(answers.count(serialNumber), 400);
+    QCOMPARE(answers.count(serial_number), 400);
     const qsizetype accepted = answers.count("@FW1\x02");
     QVERIFY2(accepted > 250 && accepted < 350, qPrintable(QString::number(accepted)));
     QCOMPARE(bench.complaints(), QStringList());
@@ -458,10 +458,10 @@ void SimulatorTest::oneInNFileRequestsIsRefused()
 void SimulatorTest::oneInNFileAnswersIsPrecededByAForeignOne()
 {
     TerminalSettings settings;
-    settings.foreignRate = 4;
+    settings.foreign_rate = 4;
     Bench bench(settings);
     for (int i = 0; i < 400; ++i)
-        bench.terminal.receive(writeKeys + askSerialNumber);
+        bench.terminal.receive(write_keys + ask_serial_number);
     QCOMPARE(bench.answered.count(), 800);
     const qsizetype foreign = bench.volunteered.count();
     QVERIFY2(foreign > 50 && foreign < 150, qPrintable(QString::number(foreign)));
@@ -477,21 +477,21 @@ void SimulatorTest::faultOptionsReachTheLine()
         QStringLiteral("--drop-at=14:after")});
     QCOMPARE(options.faults.seed, 5U);
     QCOMPARE(options.faults.latency.count(), 20);
-    QVERIFY(options.faults.splitsAtRandom);
+    QVERIFY(options.faults.splits_at_random);
     QCOMPARE(options.faults.garbage, 6);
-    QCOMPARE(options.faults.damagedHeaders, 7);
-    QCOMPARE(options.faults.damagedBodies, 8);
+    QCOMPARE(options.faults.damaged_headers, 7);
+    QCOMPARE(options.faults.damaged_bodies, 8);
     QCOMPARE(options.faults.lost, 9);
     QCOMPARE(options.faults.duplicated, 10);
     QCOMPARE(options.faults.late, 11);
     QCOMPARE(options.faults.lateness.count(), 1200);
-    QCOMPARE(options.terminal.foreignRate, 12);
-    QCOMPARE(options.terminal.errorRate, 13);
+    QCOMPARE(options.terminal.foreign_rate, 12);
+    QCOMPARE(options.terminal.error_rate, 13);
     QCOMPARE(options.terminal.drop.packet, 14);
-    QVERIFY(options.terminal.drop.afterAnswer);
-    QCOMPARE(parsed({QStringLiteral("--split=every")}).faults.splitSize, 1);
-    QCOMPARE(parsed({QStringLiteral("--split=3")}).faults.splitSize, 3);
-    QVERIFY(!parsed({QStringLiteral("--drop-at=1")}).terminal.drop.afterAnswer);
+    QVERIFY(options.terminal.drop.after_answer);
+    QCOMPARE(parsed({QStringLiteral("--split=every")}).faults.split_size, 1);
+    QCOMPARE(parsed({QStringLiteral("--split=3")}).faults.split_size, 3);
+    QVERIFY(!parsed({QStringLiteral("--drop-at=1")}).terminal.drop.after_answer);
 }
 
 void SimulatorTest::optionsReachTheTerminal()
@@ -508,24 +508,24 @@ void SimulatorTest::optionsReachTheTerminal()
     QCOMPARE(options.terminal.name, QStringLiteral("Ä"));
     QCOMPARE(options.terminal.bhr, quint64{0x0102030405060708});
     QCOMPARE(options.terminal.mask, 0xFFFFFFFFU);
-    QCOMPARE(options.terminal.fixedAnswers.value(QByteArray("LOG")), QByteArray("\x00\xFF", 2));
-    QVERIFY(options.terminal.silentKeys.contains(QByteArray("V")));
-    QVERIFY(options.terminal.vanishingKeys.contains(QByteArray("H")));
-    QCOMPARE(options.restartTime.count(), 250);
+    QCOMPARE(options.terminal.fixed_answers.value(QByteArray("LOG")), QByteArray("\x00\xFF", 2));
+    QVERIFY(options.terminal.silent_keys.contains(QByteArray("V")));
+    QVERIFY(options.terminal.vanishing_keys.contains(QByteArray("H")));
+    QCOMPARE(options.restart_time.count(), 250);
     QVERIFY(!options.returns);
     QCOMPARE(options.terminal.transfers.accept, 0);
     QCOMPARE(options.terminal.transfers.piece, 65000);
     QCOMPARE(options.terminal.transfers.announced, 0xFFFFFFFFU);
     QCOMPARE(options.terminal.transfers.directory, QStringLiteral("/"));
     QCOMPARE(options.terminal.statuses.value({QByteArray("FR"), 3}), quint8{0x30});
-    QVERIFY(options.terminal.foreignAnswers.contains({QByteArray("FU"), 1}));
-    QCOMPARE(options.terminal.lastBytes, QByteArray("JJ"));
-    QCOMPARE(options.terminal.reportedMask, 0U);
+    QVERIFY(options.terminal.foreign_answers.contains({QByteArray("FU"), 1}));
+    QCOMPARE(options.terminal.last_bytes, QByteArray("JJ"));
+    QCOMPARE(options.terminal.reported_mask, 0U);
     QCOMPARE(options.terminal.log.period, std::chrono::milliseconds(400));
     QCOMPARE(options.terminal.log.count, 7);
     QCOMPARE(options.terminal.log.start, 0xFFFFFFFFU);
-    QVERIFY(options.terminal.logsAlways);
-    QVERIFY(options.terminal.restartsBeforeFirmwareAnswer);
+    QVERIFY(options.terminal.logs_always);
+    QVERIFY(options.terminal.restarts_before_firmware_answer);
 }
 
 void SimulatorTest::aBadCommandLineIsRefused_data()

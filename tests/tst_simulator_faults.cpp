@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr int patience = 5000; // ms
-constexpr qsizetype headerSize = 16;
+constexpr qsizetype header_size = 16;
 const QByteArray magic("@JVX");
 
 // Not a correct packet, but the line only looks at where the body begins.
@@ -24,7 +24,7 @@ struct Bench {
     explicit Bench(const FaultSettings &settings)
         : line(settings)
         , sent(&line, &FaultyLine::sent)
-        , becameIdle(&line, &FaultyLine::becameIdle)
+        , became_idle(&line, &FaultyLine::becameIdle)
     {
     }
 
@@ -38,10 +38,10 @@ struct Bench {
 
     FaultyLine line;
     QSignalSpy sent;
-    QSignalSpy becameIdle;
+    QSignalSpy became_idle;
 };
 
-/// What a line with @a settings makes of the same answer sent again and again.
+/// What a line with \a settings makes of the same answer sent again and again.
 QByteArrayList sentAnswers(const FaultSettings &settings, int count)
 {
     Bench bench(settings);
@@ -121,7 +121,7 @@ void SimulatorFaultsTest::messagesAreNeverLostOrDoubled()
     settings.lost = 1;
     settings.duplicated = 1;
     settings.latency = 1h;
-    settings.splitSize = 1;
+    settings.split_size = 1;
     Bench bench(settings);
     bench.line.sendMessage(packet);
     QCOMPARE(bench.pieces(), QByteArrayList{packet});
@@ -133,7 +133,7 @@ void SimulatorFaultsTest::theSeedDecides()
     settings.seed = 7;
     settings.lost = 3;
     settings.garbage = 10;
-    settings.damagedBodies = 2;
+    settings.damaged_bodies = 2;
     const QByteArrayList sent = sentAnswers(settings, 100);
     QCOMPARE(sentAnswers(settings, 100), sent);
     settings.seed = 8;
@@ -151,8 +151,8 @@ void SimulatorFaultsTest::anAnswerComesAfterItsLatency()
     bench.line.sendMessage(packet);
     QCOMPARE(bench.pieces(), QByteArrayList{packet});
     QVERIFY(!bench.line.isIdle());
-    QCOMPARE(bench.becameIdle.count(), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(bench.becameIdle.count(), 1, patience);
+    QCOMPARE(bench.became_idle.count(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(bench.became_idle.count(), 1, patience);
     QVERIFY(timer.elapsed() >= 49);
     QCOMPARE(bench.pieces(), (QByteArrayList{packet, answer}));
 }
@@ -193,21 +193,21 @@ void SimulatorFaultsTest::anAnswerIsWrittenInPieces()
     QFETCH(const int, least);
     QFETCH(const int, most);
     FaultSettings settings;
-    settings.splitSize = size;
-    settings.splitsAtRandom = size == 0;
+    settings.split_size = size;
+    settings.splits_at_random = size == 0;
     Bench bench(settings);
     bench.line.sendAnswer(answer);
     QTRY_VERIFY_WITH_TIMEOUT(bench.line.isIdle(), patience);
     const QByteArrayList pieces = bench.pieces();
     QVERIFY(least <= pieces.size() && pieces.size() <= most);
     QCOMPARE(pieces.join(), answer);
-    QCOMPARE(bench.becameIdle.count(), 1);
+    QCOMPARE(bench.became_idle.count(), 1);
 }
 
 void SimulatorFaultsTest::aMessageNeverSplitsAnAnswer()
 {
     FaultSettings settings;
-    settings.splitSize = 10;
+    settings.split_size = 10;
     Bench bench(settings);
     bench.line.sendAnswer(answer);
     QVERIFY(bench.line.isWriting());
@@ -220,32 +220,32 @@ void SimulatorFaultsTest::garbageComesBeforeEveryPacket()
 {
     FaultSettings settings;
     settings.garbage = 6;
-    bool hasMagic = false;
+    bool has_magic = false;
     for (const QByteArray &sent : sentAnswers(settings, 2000)) {
         QVERIFY(sent.endsWith(answer));
         const QByteArray garbage = sent.chopped(answer.size());
         QVERIFY(garbage.size() >= 1 && garbage.size() <= 6);
-        hasMagic = hasMagic || garbage.contains(magic);
+        has_magic = has_magic || garbage.contains(magic);
     }
-    QVERIFY(hasMagic);
+    QVERIFY(has_magic);
 }
 
 void SimulatorFaultsTest::damageIsOneBit_data()
 {
-    QTest::addColumn<bool>("ofHeader");
+    QTest::addColumn<bool>("of_header");
     QTest::newRow("header") << true;
     QTest::newRow("body") << false;
 }
 
 void SimulatorFaultsTest::damageIsOneBit()
 {
-    QFETCH(const bool, ofHeader);
+    QFETCH(const bool, of_header);
     FaultSettings settings;
-    (ofHeader ? settings.damagedHeaders : settings.damagedBodies) = 1;
+    (of_header ? settings.damaged_headers : settings.damaged_bodies) = 1;
     for (const QByteArray &sent : sentAnswers(settings, 500)) {
         QCOMPARE(sent.size(), answer.size());
-        QCOMPARE(wrongBits(sent.first(headerSize), answer.first(headerSize)), ofHeader ? 1 : 0);
-        QCOMPARE(wrongBits(sent.sliced(headerSize), answer.sliced(headerSize)), ofHeader ? 0 : 1);
+        QCOMPARE(wrongBits(sent.first(header_size), answer.first(header_size)), of_header ? 1 : 0);
+        QCOMPARE(wrongBits(sent.sliced(header_size), answer.sliced(header_size)), of_header ? 0 : 1);
     }
 }
 
@@ -253,10 +253,10 @@ void SimulatorFaultsTest::faultsCanBeCombined()
 {
     FaultSettings settings;
     settings.latency = 1ms;
-    settings.splitsAtRandom = true;
+    settings.splits_at_random = true;
     settings.garbage = 3;
-    settings.damagedHeaders = 3;
-    settings.damagedBodies = 3;
+    settings.damaged_headers = 3;
+    settings.damaged_bodies = 3;
     settings.lost = 3;
     settings.duplicated = 3;
     settings.late = 3;

@@ -8,11 +8,11 @@
 
 namespace {
 
-constexpr quint8 settingsKind = 0;
-constexpr quint8 keysKind = 2;
+constexpr quint8 settings_kind = 0;
+constexpr quint8 keys_kind = 2;
 constexpr quint8 success = '1';
 
-/// The bytes of @a fields one after the other, little-endian.
+/// The bytes of \a fields one after the other, little-endian.
 template <typename... Fields>
 QByteArray packed(Fields... fields)
 {
@@ -45,7 +45,7 @@ struct Answer {
     {
         QDataStream stream(bytes);
         stream.setByteOrder(QDataStream::LittleEndian);
-        stream >> status >> kind >> handle >> offset >> length >> fullSize;
+        stream >> status >> kind >> handle >> offset >> length >> full_size;
         data = bytes.mid(16);
     }
 
@@ -55,7 +55,7 @@ struct Answer {
     quint32 handle = 0;
     quint32 offset = 0;
     quint16 length = 0;
-    quint32 fullSize = 0;
+    quint32 full_size = 0;
     QByteArray data;
 };
 
@@ -67,18 +67,18 @@ struct WholeRead {
         do {
             const Answer answer(transfers.read(readRequest(kind, handle, static_cast<quint32>(data.size()))));
             handle = answer.handle;
-            fullSize = answer.fullSize;
+            full_size = answer.full_size;
             pieces.append(answer.length);
             data.append(answer.data);
-        } while (pieces.last() >= 512 && data.size() < fullSize);
+        } while (pieces.last() >= 512 && data.size() < full_size);
     }
 
     QByteArray data;
-    quint32 fullSize = 0;
+    quint32 full_size = 0;
     QList<int> pieces;
 };
 
-/// Writes @a data as the tool does: the next piece stands where the answer says.
+/// Writes \a data as the tool does: the next piece stands where the answer says.
 QList<int> writeWhole(FileTransfers &transfers, quint8 kind, const QByteArray &data)
 {
     QList<int> accepted;
@@ -163,7 +163,7 @@ void SimulatorFilesTest::everyBuiltInFileReadsInPiecesOf512()
     FileTransfers transfers({});
     const WholeRead read(transfers, static_cast<quint8>(kind));
     QCOMPARE(read.data.size(), size);
-    QCOMPARE(read.fullSize, static_cast<quint32>(size));
+    QCOMPARE(read.full_size, static_cast<quint32>(size));
     QCOMPARE(read.pieces.size(), (size + 511) / 512);
     const WholeRead again(transfers, static_cast<quint8>(kind));
     QCOMPARE(again.data, read.data);
@@ -186,7 +186,7 @@ void SimulatorFilesTest::aFileOnDiskIsReadWhole()
     const QTemporaryDir directory;
     makeFile(directory, QStringLiteral("keys"), content);
     FileTransfers transfers(inDirectory(directory));
-    const WholeRead read(transfers, keysKind);
+    const WholeRead read(transfers, keys_kind);
     QCOMPARE(read.data, content);
     QCOMPARE(read.pieces, pieces);
 }
@@ -195,7 +195,7 @@ void SimulatorFilesTest::aMissingFileIsRefusedWithoutComplaint()
 {
     const QTemporaryDir directory;
     FileTransfers transfers(inDirectory(directory));
-    const Reply reply = transfers.read(readRequest(keysKind, 0, 0));
+    const Reply reply = transfers.read(readRequest(keys_kind, 0, 0));
     QCOMPARE(reply.payload.value(), QByteArray("\x02\x02"));
     QCOMPARE(reply.complaint, QString());
 }
@@ -203,8 +203,8 @@ void SimulatorFilesTest::aMissingFileIsRefusedWithoutComplaint()
 void SimulatorFilesTest::everyReadGetsAHandleOfItsOwn()
 {
     FileTransfers transfers({});
-    const Answer first(transfers.read(readRequest(settingsKind, 0, 0)));
-    const Answer second(transfers.read(readRequest(settingsKind, 0, 0)));
+    const Answer first(transfers.read(readRequest(settings_kind, 0, 0)));
+    const Answer second(transfers.read(readRequest(settings_kind, 0, 0)));
     QVERIFY(first.handle != 0);
     QVERIFY(second.handle != 0);
     QVERIFY(first.handle != second.handle);
@@ -235,7 +235,7 @@ void SimulatorFilesTest::aWrongReadIsRefusedAndReported()
     QFETCH(const QByteArray, refusal);
     QFETCH(const QString, complaint);
     FileTransfers transfers({});
-    QCOMPARE(Answer(transfers.read(readRequest(settingsKind, 0, 0))).handle, 0xA1B2C301);
+    QCOMPARE(Answer(transfers.read(readRequest(settings_kind, 0, 0))).handle, 0xA1B2C301);
     const Reply reply = transfers.read(request);
     QCOMPARE(reply.payload.value(), refusal);
     QCOMPARE(reply.complaint, complaint);
@@ -244,9 +244,9 @@ void SimulatorFilesTest::aWrongReadIsRefusedAndReported()
 void SimulatorFilesTest::noRequestIsDueAfterTheLastPiece()
 {
     FileTransfers transfers({});
-    const Answer answer(transfers.read(readRequest(keysKind, 0, 0)));
+    const Answer answer(transfers.read(readRequest(keys_kind, 0, 0)));
     QCOMPARE(answer.length, quint16{96});
-    const Reply reply = transfers.read(readRequest(keysKind, answer.handle, 96));
+    const Reply reply = transfers.read(readRequest(keys_kind, answer.handle, 96));
     QCOMPARE(reply.complaint, QStringLiteral("handle of no transfer under way"));
 }
 
@@ -266,14 +266,14 @@ void SimulatorFilesTest::piecesAndAnnouncedSizeCanBeOdd()
     QFETCH(const int, piece);
     QFETCH(const int, announced);
     QFETCH(const QList<int>, pieces);
-    constexpr quint8 archiveKind = 8; // 1024 bytes
+    constexpr quint8 archive_kind = 8; // 1024 bytes
     TransferSettings settings;
     settings.piece = piece;
     settings.announced = static_cast<quint32>(announced);
     FileTransfers transfers(settings);
-    const WholeRead read(transfers, archiveKind);
+    const WholeRead read(transfers, archive_kind);
     QCOMPARE(read.pieces, pieces);
-    QCOMPARE(read.fullSize, static_cast<quint32>(announced));
+    QCOMPARE(read.full_size, static_cast<quint32>(announced));
 }
 
 void SimulatorFilesTest::aWriteIsVisibleOnlyWhenComplete()
@@ -281,19 +281,19 @@ void SimulatorFilesTest::aWriteIsVisibleOnlyWhenComplete()
     const QTemporaryDir directory;
     makeFile(directory, QStringLiteral("keys"), QByteArray("old"));
     FileTransfers transfers(inDirectory(directory));
-    const Answer answer(transfers.write(writeRequest(keysKind, 0, 0, 513, QByteArray(512, 'x'))));
+    const Answer answer(transfers.write(writeRequest(keys_kind, 0, 0, 513, QByteArray(512, 'x'))));
     QCOMPARE(answer.status, success);
     QCOMPARE(fileContent(directory, QStringLiteral("keys")), QByteArray("old"));
-    QCOMPARE(WholeRead(transfers, keysKind).data, QByteArray("old"));
+    QCOMPARE(WholeRead(transfers, keys_kind).data, QByteArray("old"));
 
     transfers.forget();
-    const QByteArray rest = writeRequest(keysKind, answer.handle, 512, 513, QByteArray("y"));
+    const QByteArray rest = writeRequest(keys_kind, answer.handle, 512, 513, QByteArray("y"));
     QCOMPARE(transfers.write(rest).complaint, QStringLiteral("handle of no transfer under way"));
     QCOMPARE(fileContent(directory, QStringLiteral("keys")), QByteArray("old"));
 
-    QCOMPARE(writeWhole(transfers, keysKind, QByteArray("new")), QList<int>{3});
+    QCOMPARE(writeWhole(transfers, keys_kind, QByteArray("new")), QList<int>{3});
     QCOMPARE(fileContent(directory, QStringLiteral("keys")), QByteArray("new"));
-    QCOMPARE(WholeRead(transfers, keysKind).data, QByteArray("new"));
+    QCOMPARE(WholeRead(transfers, keys_kind).data, QByteArray("new"));
 }
 
 void SimulatorFilesTest::aWriteOfAnySizeIsStored_data()
@@ -312,8 +312,8 @@ void SimulatorFilesTest::aWriteOfAnySizeIsStored()
     QFETCH(const QList<int>, accepted);
     FileTransfers transfers({});
     const QByteArray content(size, 'z');
-    QCOMPARE(writeWhole(transfers, settingsKind, content), accepted);
-    QCOMPARE(WholeRead(transfers, settingsKind).data, content);
+    QCOMPARE(writeWhole(transfers, settings_kind, content), accepted);
+    QCOMPARE(WholeRead(transfers, settings_kind).data, content);
 }
 
 void SimulatorFilesTest::aPieceCanBeAcceptedInPart()
@@ -324,8 +324,8 @@ void SimulatorFilesTest::aPieceCanBeAcceptedInPart()
     QByteArray content;
     for (int i = 0; i < 700; ++i)
         content.append(static_cast<char>(i % 251));
-    QCOMPARE(writeWhole(transfers, settingsKind, content), (QList<int>{200, 200, 200, 100}));
-    QCOMPARE(WholeRead(transfers, settingsKind).data, content);
+    QCOMPARE(writeWhole(transfers, settings_kind, content), (QList<int>{200, 200, 200, 100}));
+    QCOMPARE(WholeRead(transfers, settings_kind).data, content);
 }
 
 void SimulatorFilesTest::aWrongWriteIsRefusedAndReported_data()
@@ -353,7 +353,7 @@ void SimulatorFilesTest::aWrongWriteIsRefusedAndReported()
     QFETCH(const QByteArray, request);
     QFETCH(const QString, complaint);
     FileTransfers transfers({});
-    const Reply opened = transfers.write(writeRequest(keysKind, 0, 0, 600, QByteArray(512, 'f')));
+    const Reply opened = transfers.write(writeRequest(keys_kind, 0, 0, 600, QByteArray(512, 'f')));
     QCOMPARE(Answer(opened).handle, 0xA1B2C301);
     QCOMPARE(opened.payload->size(), 12);
     const Reply reply = transfers.write(request);
@@ -367,7 +367,7 @@ void SimulatorFilesTest::whatCannotBeStoredIsRefused()
     const QTemporaryDir directory;
     QVERIFY(QDir(directory.path()).mkdir(QStringLiteral("keys")));
     FileTransfers transfers(inDirectory(directory));
-    const Reply reply = transfers.write(writeRequest(keysKind, 0, 0, 1, QByteArray("x")));
+    const Reply reply = transfers.write(writeRequest(keys_kind, 0, 0, 1, QByteArray("x")));
     QCOMPARE(reply.payload.value(), QByteArray("\x04\x02"));
     QCOMPARE(reply.complaint, QString());
 }
@@ -376,8 +376,8 @@ void SimulatorFilesTest::theChecksumOfTheWrittenFileApplies()
 {
     // 0xCBF43926 is the published check value of CRC-32: that of the nine digits.
     FileTransfers transfers({});
-    QCOMPARE(writeWhole(transfers, keysKind, QByteArray("123456789")), QList<int>{9});
-    const Reply reply = transfers.apply(applyRequest(keysKind, 0, 0xCBF43926));
+    QCOMPARE(writeWhole(transfers, keys_kind, QByteArray("123456789")), QList<int>{9});
+    const Reply reply = transfers.apply(applyRequest(keys_kind, 0, 0xCBF43926));
     QCOMPARE(reply.payload.value(), QByteArray("1\x02\0\0\0\0", 6));
     QCOMPARE(reply.complaint, QString());
     QVERIFY(reply.restarts);
@@ -404,7 +404,7 @@ void SimulatorFilesTest::aWrongApplyIsRefusedAndReported()
     QFETCH(const QByteArray, refusal);
     QFETCH(const QString, complaint);
     FileTransfers transfers({});
-    writeWhole(transfers, keysKind, QByteArray("123456789"));
+    writeWhole(transfers, keys_kind, QByteArray("123456789"));
     const Reply reply = transfers.apply(request);
     QCOMPARE(reply.payload.value(), refusal);
     QCOMPARE(reply.complaint, complaint);

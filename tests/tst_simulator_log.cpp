@@ -8,11 +8,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr quint32 noLog = 0;
+constexpr quint32 no_log = 0;
 constexpr quint32 log3 = 1U << 3;
 constexpr quint32 log5 = 1U << 5;
 constexpr quint32 texts = 1U << 14;
-constexpr quint32 everyLog = 0xFFFFFFFF;
+constexpr quint32 every_log = 0xFFFFFFFF;
 constexpr quint32 start = 1700000000; // 0x6553F100
 
 LogSettings atRate(std::chrono::nanoseconds period)
@@ -52,7 +52,7 @@ void SimulatorLogTest::theBuiltInCycleIsLaidOutAsTheWireWants()
 {
     // Written down by hand: log, seconds, milliseconds, type, data.
     LogSource source(atRate(500ms));
-    QCOMPARE(records(source, everyLog, 8),
+    QCOMPARE(records(source, every_log, 8),
         (QByteArrayList{
             QByteArray::fromHex("0e 00f15365 0000 01") + "#0 ignition on\r\n",
             QByteArray::fromHex("0e 00f15365 f401 02") + "#1 supply voltage 12.6 V",
@@ -69,7 +69,7 @@ void SimulatorLogTest::onlyLogsOfTheMaskAreSent_data()
 {
     QTest::addColumn<quint32>("mask");
     QTest::addColumn<QByteArray>("logs");
-    QTest::newRow("none") << noLog << QByteArray();
+    QTest::newRow("none") << no_log << QByteArray();
     QTest::newRow("a log that is never written") << (1U << 4) << QByteArray();
     QTest::newRow("log 3") << log3 << QByteArray("\x03\x03\x03\x03\x03\x03\x03\x03");
     QTest::newRow("log 3 and 5") << (log3 | log5) << QByteArray("\x03\x05\x03\x05\x03\x05\x03\x05");
@@ -92,20 +92,20 @@ void SimulatorLogTest::onlyLogsOfTheMaskAreSent()
 void SimulatorLogTest::textsAreNumberedWithoutAGap()
 {
     LogSource source(atRate(1ms));
-    int emptyTexts = 0;
+    int empty_texts = 0;
     for (int number = 0; number < 80; ++number) {
         const QByteArray text = source.next(texts).value().sliced(8);
-        emptyTexts += text.isEmpty() ? 1 : 0;
+        empty_texts += text.isEmpty() ? 1 : 0;
         QVERIFY(text.isEmpty() || text.startsWith('#' + QByteArray::number(number) + ' '));
     }
-    QCOMPARE(emptyTexts, 10);
+    QCOMPARE(empty_texts, 10);
 }
 
 void SimulatorLogTest::sameSettingsGiveSameRecords()
 {
     LogSource one(atRate(7ms));
     LogSource other(atRate(7ms));
-    QCOMPARE(records(one, everyLog, 200), records(other, everyLog, 200));
+    QCOMPARE(records(one, every_log, 200), records(other, every_log, 200));
 }
 
 void SimulatorLogTest::linesOfAFileAreSentOnce()
@@ -125,10 +125,10 @@ void SimulatorLogTest::theCountEndsTheLog()
     LogSettings settings = atRate(1ms);
     settings.count = 2;
     LogSource source(settings);
-    QCOMPARE(records(source, noLog, 1), QByteArrayList{QByteArray("none")});
-    QVERIFY(source.next(everyLog));
-    QVERIFY(source.next(everyLog));
-    QVERIFY(!source.next(everyLog));
+    QCOMPARE(records(source, no_log, 1), QByteArrayList{QByteArray("none")});
+    QVERIFY(source.next(every_log));
+    QVERIFY(source.next(every_log));
+    QVERIFY(!source.next(every_log));
 }
 
 void SimulatorLogTest::timeAdvancesWithTheRate_data()
