@@ -1,0 +1,86 @@
+#include "installation.h"
+
+/// What `cmake --install` installs.
+class TestInstallation : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void everyFileHasItsPlace_data();
+    void everyFileHasItsPlace();
+    void whatTheReadmeLinksToIsInstalledWithIt();
+    void noFileKnowsTheBuildTree();
+    void theExecutablesRun_data();
+    void theExecutablesRun();
+};
+
+void TestInstallation::everyFileHasItsPlace_data()
+{
+    QTest::addColumn<QString>("prefix");
+    QTest::newRow("/usr") << QStringLiteral("/usr");
+    QTest::newRow("/opt/jvx") << QStringLiteral("/opt/jvx");
+}
+
+void TestInstallation::everyFileHasItsPlace()
+{
+    QFETCH(QString, prefix);
+    const QString doc = prefix + QStringLiteral("/share/doc/jvx-loader/");
+    const QStringList expected{
+        prefix + QStringLiteral("/bin/jvx-loader"),
+        prefix + QStringLiteral("/bin/jvx-simulator"),
+        prefix + QStringLiteral("/lib/udev/rules.d/70-jvx-loader.rules"),
+        doc + QStringLiteral("CHANGELOG.md"),
+        doc + QStringLiteral("LICENSE"),
+        doc + QStringLiteral("README.md"),
+        prefix + QStringLiteral("/share/man/man1/jvx-loader.1"),
+        prefix + QStringLiteral("/share/man/man1/jvx-simulator.1"),
+    };
+    QStringList files = Installation(prefix).files();
+    files.removeIf([&](const QString &file) { return file.startsWith(doc + QStringLiteral("docs/")); });
+    QCOMPARE(files, expected);
+}
+
+void TestInstallation::whatTheReadmeLinksToIsInstalledWithIt()
+{
+    const Installation installation(QStringLiteral("/usr"));
+    const QString doc = QStringLiteral("share/doc/jvx-loader/");
+    static const QRegularExpression link(QStringLiteral("\\]\\((docs/[^)#]+)"));
+    QRegularExpressionMatchIterator links
+        = link.globalMatch(QString::fromUtf8(contentOf(installation.path(doc + QStringLiteral("README.md")))));
+    QVERIFY(links.hasNext());
+    while (links.hasNext()) {
+        const QString target = installation.path(doc + links.next().captured(1));
+        QVERIFY2(QFileInfo::exists(target), qPrintable(target));
+    }
+}
+
+void TestInstallation::noFileKnowsTheBuildTree()
+{
+    const Installation installation(QStringLiteral("/usr"));
+    const QStringList files = installation.files();
+    QVERIFY(!files.isEmpty());
+    for (const QString &file : files) {
+        const QByteArray content = contentOf(installation.path(file.sliced(sizeof "/usr")));
+        QVERIFY2(!content.contains(JVX_SOURCE_DIRECTORY), qPrintable(file));
+    }
+}
+
+void TestInstallation::theExecutablesRun_data()
+{
+    QTest::addColumn<QString>("version");
+    QTest::newRow("jvx-loader") << QStringLiteral("JVX file loader " JVX_VERSION "\n");
+    QTest::newRow("jvx-simulator") << QStringLiteral("jvx-simulator " JVX_VERSION "\n");
+}
+
+void TestInstallation::theExecutablesRun()
+{
+    QFETCH(QString, version);
+    const Installation installation(QStringLiteral("/usr"));
+    const Ended ended = run({installation.path(QStringLiteral("bin/") + QString::fromLatin1(QTest::currentDataTag())),
+                                QStringLiteral("--version")},
+        {QStringLiteral("QT_QPA_PLATFORM=minimal")});
+    QCOMPARE(ended.code, 0);
+    QCOMPARE(ended.output, version);
+}
+
+QTEST_GUILESS_MAIN(TestInstallation)
+#include "tst_installation.moc"

@@ -1,0 +1,180 @@
+#include "installation.h"
+
+/// The manual pages, against the executables and the sources.
+class TestManual : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { _installation.emplace(QStringLiteral("/usr")); }
+
+    void aPageIsWithoutFault_data() { pages(); }
+    void aPageIsWithoutFault();
+    void aPageHasItsSections_data() { pages(); }
+    void aPageHasItsSections();
+    void aPageHasTheOptionsOfTheHelp_data() { pages(); }
+    void aPageHasTheOptionsOfTheHelp();
+    void thePageHasTheKindsOfFileOfTheHelp();
+    void thePageHasTheExitCodesOfTheSources();
+    void thePageGivesEveryExitCodeAsAShellSeesIt();
+    void thePageOfTheSimulatedTerminalHasItsExitCodes();
+    void thePageNamesTheInstalledRule();
+
+private:
+    static void pages();
+    QString page(const QString &name) const;
+    QString help(const QString &name) const;
+
+    std::optional<Installation> _installation;
+};
+
+namespace {
+
+const QString loader = QStringLiteral("jvx-loader");
+const QString simulator = QStringLiteral("jvx-simulator");
+
+/// What the first group of \a pattern captures in every line of \a text, sorted.
+QStringList captured(const QString &text, const QString &pattern)
+{
+    QStringList found;
+    QRegularExpressionMatchIterator matches
+        = QRegularExpression(pattern, QRegularExpression::MultilineOption).globalMatch(text);
+    while (matches.hasNext())
+        found += matches.next().captured(1).simplified();
+    found.sort();
+    return found;
+}
+
+/// The section of the page \a text that has this \a heading.
+QString section(const QString &text, const QString &heading)
+{
+    static const QString until_next_heading = QStringLiteral("^%1$(.*?)(?=^\\S|\\z)");
+    return QRegularExpression(until_next_heading.arg(heading),
+        QRegularExpression::MultilineOption | QRegularExpression::DotMatchesEverythingOption)
+        .match(text)
+        .captured(1);
+}
+
+QString source(const char *name)
+{
+    return QString::fromUtf8(contentOf(QStringLiteral(JVX_SOURCE_DIRECTORY "/") + QLatin1String(name)));
+}
+
+} // namespace
+
+void TestManual::pages()
+{
+    QTest::addColumn<QString>("name");
+    QTest::newRow("jvx-loader") << loader;
+    QTest::newRow("jvx-simulator") << simulator;
+}
+
+/// The page as man shows it, every paragraph on one line.
+QString TestManual::page(const QString &name) const
+{
+    return run({QStringLiteral("man"), QStringLiteral("--local-file"),
+                   _installation->path(QStringLiteral("share/man/man1/%1.1").arg(name))},
+        {QStringLiteral("MANWIDTH=2000"), QStringLiteral("LC_ALL=C.UTF-8"), QStringLiteral("MANPAGER=cat")})
+        .output;
+}
+
+QString TestManual::help(const QString &name) const
+{
+    return run({_installation->path(QStringLiteral("bin/") + name), QStringLiteral("--help")},
+        {QStringLiteral("QT_QPA_PLATFORM=minimal")})
+        .output;
+}
+
+void TestManual::aPageIsWithoutFault()
+{
+    QFETCH(QString, name);
+    const QString path = _installation->path(QStringLiteral("share/man/man1/%1.1").arg(name));
+
+    // Which other pages are known depends on the machine.
+    QStringList remarks = run({QStringLiteral("mandoc"), QStringLiteral("-T"), QStringLiteral("lint"), path})
+                              .output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    remarks.removeIf([](const QString &line) { return line.contains(QStringLiteral("referenced manual not found")); });
+    QCOMPARE(remarks, QStringList());
+
+    const Ended man = run({QStringLiteral("man"), QStringLiteral("--warnings"), QStringLiteral("--local-file"), path},
+        {QStringLiteral("MANWIDTH=80"), QStringLiteral("LC_ALL=C.UTF-8"), QStringLiteral("MANPAGER=cat")});
+    QCOMPARE(man.code, 0);
+    QCOMPARE(man.errors, QString());
+}
+
+void TestManual::aPageHasItsSections()
+{
+    QFETCH(QString, name);
+    const QString text = page(name);
+    QStringList headings{QStringLiteral("NAME"), QStringLiteral("SYNOPSIS"), QStringLiteral("DESCRIPTION"),
+        QStringLiteral("OPTIONS"), QStringLiteral("EXIT STATUS"), QStringLiteral("EXAMPLES"),
+        QStringLiteral("SEE ALSO")};
+    if (name == loader)
+        headings += {QStringLiteral("ENVIRONMENT"), QStringLiteral("FILES")};
+    for (const QString &heading : std::as_const(headings))
+        QVERIFY2(!section(text, heading).trimmed().isEmpty(), qPrintable(heading));
+}
+
+void TestManual::aPageHasTheOptionsOfTheHelp()
+{
+    QFETCH(QString, name);
+    // "  -p, --port <name>  Serial port" and "     -p, --port name"
+    const QStringList of_help = captured(
+        help(name).remove(QRegularExpression(QStringLiteral("[<>]"))), QStringLiteral("^  (-\\S.*?)(?:  .*)?$"));
+    QVERIFY(of_help.size() > 5);
+    QCOMPARE(
+        captured(section(page(name), QStringLiteral("OPTIONS")), QStringLiteral("^     (-\\S.*?)(?:  .*)?$")), of_help);
+}
+
+void TestManual::thePageHasTheKindsOfFileOfTheHelp()
+{
+    // "    6 | fls-firmware    Firmware of ..." and "   6     fls-firmware    firmware of ..."
+    const QStringList of_help
+        = captured(help(loader).remove(QLatin1Char('|')), QStringLiteral("^ +(\\d+ +\\S+)  +\\S.*$"));
+    QCOMPARE(of_help.size(), 12);
+    QCOMPARE(captured(section(page(loader), QStringLiteral("OPTIONS")), QStringLiteral("^ +(\\d+ +\\S+)  +\\S.*$")),
+        of_help);
+}
+
+void TestManual::thePageHasTheExitCodesOfTheSources()
+{
+    QStringList of_sources = captured(source("src/main.cpp") + source("src/device.cpp"),
+        QStringLiteral("^ *(?:constexpr int )?\\w+ = (-1\\d\\d)\\b"));
+    QCOMPARE(of_sources.size(), 9);
+    of_sources += captured(source("src/jvxb.h"), QStringLiteral("^ *(?:Timeout|UnknownResponse) = (-\\d)\\b"));
+    of_sources.sort();
+    QCOMPARE(captured(section(page(loader), QStringLiteral("EXIT STATUS")), QStringLiteral("^     (-\\d+) \\(")),
+        of_sources);
+}
+
+void TestManual::thePageGivesEveryExitCodeAsAShellSeesIt()
+{
+    static const QRegularExpression entry(QStringLiteral("^     (-?\\d+)(?: to (-?\\d+))? \\((\\d+)(?: to (\\d+))?\\)"),
+        QRegularExpression::MultilineOption);
+    QRegularExpressionMatchIterator entries = entry.globalMatch(section(page(loader), QStringLiteral("EXIT STATUS")));
+    int count = 0;
+    for (; entries.hasNext(); ++count) {
+        const QRegularExpressionMatch match = entries.next();
+        QCOMPARE(match.captured(3).toInt(), match.captured(1).toInt() & 0xFF);
+        QCOMPARE(match.captured(4).toInt(), match.captured(2).toInt() & 0xFF);
+    }
+    QCOMPARE(count, 15);
+}
+
+void TestManual::thePageOfTheSimulatedTerminalHasItsExitCodes()
+{
+    const QStringList of_source
+        = captured(source("simulator/main.cpp"), QStringLiteral("^constexpr int exit_?\\w+ = (\\d+);"));
+    QCOMPARE(of_source.size(), 3);
+    QCOMPARE(captured(section(page(simulator), QStringLiteral("EXIT STATUS")), QStringLiteral("^     (\\d+)\\b")),
+        of_source);
+}
+
+void TestManual::thePageNamesTheInstalledRule()
+{
+    const QStringList named
+        = captured(section(page(loader), QStringLiteral("FILES")), QStringLiteral("^     (\\S+\\.rules)"));
+    QCOMPARE(named, _installation->files().filter(QStringLiteral(".rules")));
+}
+
+QTEST_GUILESS_MAIN(TestManual)
+#include "tst_manual.moc"

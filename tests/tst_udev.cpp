@@ -1,0 +1,138 @@
+#include "installation.h"
+
+/// The rule for udev, as udev reads it and applies it to faked devices.
+class TestUdev : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void udevUnderstandsTheRule();
+    void theUserAtTheSeatHasAccess_data() { terminal(); }
+    void theUserAtTheSeatHasAccess();
+    void theGroupHasAccess_data() { terminal(); }
+    void theGroupHasAccess();
+    void modemManagerKeepsItsHandsOff_data() { terminal(); }
+    void modemManagerKeepsItsHandsOff();
+    void anotherDeviceIsLeftAlone_data();
+    void anotherDeviceIsLeftAlone();
+
+private:
+    static void terminal();
+};
+
+namespace {
+
+const QString usb_device = QStringLiteral("/devices/pci0000:00/0000:00:14.0/usb1/1-1");
+const QString serial_port = usb_device + QStringLiteral("/1-1:1.0/tty/ttyACM0");
+
+QString description(const QString &vendor, const QString &product)
+{
+    return QStringLiteral("P: %1\nN: bus/usb/001/002\nE: DEVNAME=/dev/bus/usb/001/002\nE: DEVTYPE=usb_device\n"
+                          "E: DRIVER=usb\nE: SUBSYSTEM=usb\nE: MAJOR=189\nE: MINOR=1\n"
+                          "A: idVendor=%3\nA: idProduct=%4\n\n"
+                          "P: %1/1-1:1.0\nE: DEVTYPE=usb_interface\nE: DRIVER=cdc_acm\nE: SUBSYSTEM=usb\n\n"
+                          "P: %2\nN: ttyACM0\nE: DEVNAME=/dev/ttyACM0\nE: SUBSYSTEM=tty\nE: MAJOR=166\nE: MINOR=0\n\n")
+        .arg(usb_device, serial_port, vendor, product);
+}
+
+/// What udev would do with \a device when one with these identifiers is plugged in. It looks for rules in /run too, and
+/// would write there and to /dev: both are of a name space of its own.
+QString plugIn(const QString &device, const QString &vendor, const QString &product)
+{
+    const Installation installation(QStringLiteral("/usr"));
+    const QTemporaryDir directory;
+    QFile ports(directory.filePath(QStringLiteral("ports.umockdev")));
+    if (!ports.open(QIODevice::WriteOnly))
+        qFatal("cannot describe the ports");
+    ports.write(description(vendor, product).toLatin1());
+    ports.close();
+
+    const QString script = QStringLiteral("set -e; mkdir -p /dev/char; mount -t tmpfs tmpfs /dev/char; "
+                                          "mount -t tmpfs tmpfs /run; mkdir -p /run/udev/rules.d; "
+                                          "cp \"$1\" /run/udev/rules.d; "
+                                          "exec umockdev-run -d \"$2\" -- udevadm test --action=add \"/sys$3\" 2>&1");
+    const Ended ended = run({QStringLiteral("unshare"), QStringLiteral("--user"), QStringLiteral("--map-root-user"),
+        QStringLiteral("--mount"), QStringLiteral("sh"), QStringLiteral("-c"), script, QStringLiteral("sh"),
+        installation.path(QStringLiteral("lib/udev/rules.d/70-jvx-loader.rules")), ports.fileName(), device});
+    if (ended.code != 0)
+        qFatal("cannot try the rule: %s%s", qUtf8Printable(ended.output), qUtf8Printable(ended.errors));
+    return ended.output;
+}
+
+QString plugInTerminal(const QString &device)
+{
+    return plugIn(device, QStringLiteral("03eb"), QStringLiteral("6124"));
+}
+
+/// What udev says about the rule beyond that it has read it.
+QStringList aboutTheRule(const QString &text)
+{
+    QStringList lines = text.split(QLatin1Char('\n')).filter(QStringLiteral("70-jvx-loader.rules"));
+    lines.removeIf([](const QString &line) { return line.startsWith(QStringLiteral("Reading rules file")); });
+    return lines.replaceInStrings(QRegularExpression(QStringLiteral("^.*rules:\\d+ ")), QString());
+}
+
+} // namespace
+
+void TestUdev::terminal()
+{
+    QTest::addColumn<QString>("device");
+    QTest::newRow("USB device") << usb_device;
+    QTest::newRow("serial port") << serial_port;
+}
+
+void TestUdev::udevUnderstandsTheRule()
+{
+    const QString text = plugIn(usb_device, QStringLiteral("03eb"), QStringLiteral("6125"));
+    QVERIFY(text.contains(QStringLiteral("Reading rules file: /run/udev/rules.d/70-jvx-loader.rules")));
+    QCOMPARE(aboutTheRule(text), QStringList());
+}
+
+void TestUdev::theUserAtTheSeatHasAccess()
+{
+    QFETCH(QString, device);
+    // The rule that grants it comes late, and only where the tag was set before.
+    QVERIFY(plugInTerminal(device).contains(QStringLiteral("\nrun: 'uaccess'")));
+}
+
+void TestUdev::theGroupHasAccess()
+{
+    QFETCH(QString, device);
+    // The group by its number, 20 in all of Debian.
+    const QStringList said{QStringLiteral("GROUP 20"), QStringLiteral("MODE 0660")};
+    QCOMPARE(aboutTheRule(plugInTerminal(device)), said);
+}
+
+void TestUdev::modemManagerKeepsItsHandsOff()
+{
+    QFETCH(QString, device);
+    QVERIFY(plugInTerminal(device).contains(QStringLiteral("\nID_MM_DEVICE_IGNORE=1\n")));
+}
+
+void TestUdev::anotherDeviceIsLeftAlone_data()
+{
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QString>("vendor");
+    QTest::addColumn<QString>("product");
+    const QString terminals_vendor = QStringLiteral("03eb");
+    const QString terminals_product = QStringLiteral("6124");
+    const QString other = QStringLiteral("6125");
+    QTest::newRow("USB device, another product") << usb_device << terminals_vendor << other;
+    QTest::newRow("USB device, another vendor") << usb_device << other << terminals_product;
+    QTest::newRow("serial port, another product") << serial_port << terminals_vendor << other;
+    QTest::newRow("serial port, another vendor") << serial_port << other << terminals_product;
+}
+
+void TestUdev::anotherDeviceIsLeftAlone()
+{
+    QFETCH(QString, device);
+    QFETCH(QString, vendor);
+    QFETCH(QString, product);
+    const QString text = plugIn(device, vendor, product);
+    QVERIFY(text.contains(QStringLiteral("\nACTION=add\n")));
+    QCOMPARE(aboutTheRule(text), QStringList());
+    QVERIFY(!text.contains(QStringLiteral("ID_MM_DEVICE_IGNORE")));
+    QVERIFY(!text.contains(QStringLiteral("uaccess'")));
+}
+
+QTEST_GUILESS_MAIN(TestUdev)
+#include "tst_udev.moc"
