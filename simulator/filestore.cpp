@@ -55,15 +55,22 @@ QByteArray builtIn(quint8 kind)
     return kind == settings_kind ? builtInText(size) : builtInBytes(kind, size);
 }
 
+QHash<quint8, QByteArray> allBuiltIn()
+{
+    QHash<quint8, QByteArray> files;
+    for (quint8 kind = 0; kind < FileStore::kind_count; ++kind)
+        files.insert(kind, builtIn(kind));
+    return files;
+}
+
 } // namespace
 
 FileStore::FileStore(QString directory)
     : _directory(std::move(directory))
 {
-    if (!_directory.isEmpty())
-        return;
-    for (quint8 kind = 0; kind < kind_count; ++kind)
-        _memory.insert(kind, builtIn(kind));
+    static const QHash<quint8, QByteArray> built_in = allBuiltIn();
+    if (_directory.isEmpty())
+        _memory = built_in;
 }
 
 QString FileStore::key(quint8 kind)

@@ -11,6 +11,8 @@
 #include <QStringList>
 #include <QSysInfo>
 
+#include <optional>
+
 namespace {
 
 struct Text {
@@ -111,6 +113,16 @@ CommandLine::CommandLine()
     addOptions({_file, _read, _write, _port, _apply, _monitor, _log});
 }
 
+/// The log mask that \a text stands for, a hexadecimal number of 32 bits with a sign; nothing if it stands for none.
+std::optional<quint32> logMask(const QString &text)
+{
+    bool is_number = false;
+    const int mask = text.toInt(&is_number, 16);
+    if (!is_number)
+        return {};
+    return static_cast<quint32>(mask);
+}
+
 int fail(ExitCode code, const QString &message)
 {
     StdOutput(true) << message;
@@ -146,11 +158,10 @@ int main(int argc, char *argv[])
     device._log_monitor = line.isSet(line._monitor);
     device.logEnable(default_log_mask);
     if (line.isSet(line._log)) {
-        bool is_number = false;
-        const int mask = line.value(line._log).toInt(&is_number, 16);
-        if (!is_number)
+        const std::optional<quint32> mask = logMask(line.value(line._log));
+        if (!mask)
             return fail(log_mask_invalid, Text::tr("Invalid log mask"));
-        device.logEnable(static_cast<quint32>(mask));
+        device.logEnable(*mask);
     }
 
     bool accepted = true;

@@ -1,0 +1,365 @@
+// The protocol engine, on a port without a device and beside a model of it: any order of requests, answers, records,
+// garbage, time-outs, and a port that closes and opens again.
+
+#include "jvxb.h"
+#include "model.h"
+#include "portdouble.h"
+#include "target.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+#include <QTimerEvent>
+
+#include <array>
+
+namespace {
+
+void dropMessage(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString & /*message*/)
+{
+    // Writing to a closed port is worth a warning of the framework each time.
+}
+
+/// What happens inside the slot of the next signal.
+struct Reaction {
+    enum class Kind { None, Begin, Close };
+    Kind kind = Kind::None;
+    model::Request request;
+};
+
+/// The engine and the model of it, which have to do the same.
+class Bench {
+public:
+    Bench()
+        : _protocol(&_port, nullptr)
+    {
+        connectIdentification();
+        connectFiles();
+        connectLog();
+        _model.onEvent = [this] { reactInModel(); };
+    }
+
+    [[nodiscard]] const QList<std::shared_ptr<model::Request>> &pending() const { return _model.pending(); }
+
+    void begin(const model::Request &request)
+    {
+        ++_begun;
+        beginInProtocol(request);
+        _model.begin(request);
+    }
+
+    void deliver(const QByteArray &bytes)
+    {
+        const qsizetype size = _piece_size > 0 ? _piece_size : bytes.size();
+        for (qsizetype begin = 0; begin < bytes.size() && _port.isOpen(); begin += size) {
+            _port.deliver(bytes.mid(begin, size));
+            _model.receive(bytes.mid(begin, size));
+            compare();
+        }
+    }
+
+    void setPieceSize(qsizetype size) { _piece_size = size; }
+    void setReaction(const Reaction &reaction) { _protocol_reaction = _model_reaction = reaction; }
+
+    void close()
+    {
+        _port.close();
+        _model.close();
+    }
+
+    void open()
+    {
+        if (!_port.isOpen())
+            _port.openAgain();
+        _model.open();
+    }
+
+    void timeOut(qsizetype index)
+    {
+        auto *const timer = transactions().at(index)->findChild<QTimer *>();
+        QTimerEvent event(timer->timerId());
+        QCoreApplication::sendEvent(timer, &event);
+        _model.timeOut(index);
+    }
+
+    void end(qsizetype index)
+    {
+        --_begun;
+        _protocol.end(transactions().at(index));
+        _model.end(index);
+    }
+
+    void reportError(bool is_error)
+    {
+        _port.fail(is_error ? QSerialPort::ResourceError : QSerialPort::NoError, QStringLiteral("gone"));
+        require(std::exchange(_errors, {}) == (is_error ? QStringList{QStringLiteral("gone")} : QStringList()),
+            "an error of the port is reported, once");
+    }
+
+    /// Whether both have done the same, and are in the same state, since the last time.
+    void compare()
+    {
+        require(_events == _model.events, "signals are as the model's");
+        require(_port.written().mid(_seen) == _model.written, "packets are as the model's");
+        const QList<jvxb::Transaction *> waiting = transactions();
+        require(waiting.size() == _model.pending().size(), "as many requests wait as in the model");
+        for (qsizetype i = 0; i < waiting.size(); ++i) {
+            const auto *const timer = waiting[i]->findChild<QTimer *>();
+            require(waiting[i]->key() == _model.pending()[i]->key, "requests wait in the order of the model");
+            require(timer->isActive() && timer->isSingleShot(), "a request that waits has its timer running");
+            require(timer->interval() == (waiting[i]->key() == "FW" ? 5000 : 500), "each request has its own time");
+        }
+        _seen = _port.written().size();
+        _events.clear();
+        _model.events.clear();
+        _model.written.clear();
+    }
+
+    /// Nothing comes any more.
+    void finish()
+    {
+        setReaction({});
+        while (!pending().isEmpty()) {
+            timeOut(0);
+            compare();
+        }
+        require(_results == _begun, "each request has exactly one result");
+    }
+
+private:
+    [[nodiscard]] QList<jvxb::Transaction *> transactions() const
+    {
+        return _protocol.findChildren<jvxb::Transaction *>(QString(), Qt::FindDirectChildrenOnly);
+    }
+
+    void beginInProtocol(const model::Request &request)
+    {
+        const auto file = static_cast<File>(request.kind);
+        if (request.key == "V")
+            _protocol.readSoftVersion();
+        else if (request.key == "H")
+            _protocol.readHardVersion();
+        else if (request.key == "S")
+            _protocol.readSerialNumber();
+        else if (request.key == "FR")
+            _protocol.readFile(file);
+        else if (request.key == "FW")
+            _protocol.writeFile(file, request.data);
+        else if (request.key == "FU")
+            _protocol.applyFile(file, request.parameter);
+        else
+            _protocol.logEnable(request.parameter);
+    }
+
+    void record(const QByteArray &event)
+    {
+        _events += event;
+        const Reaction reaction = std::exchange(_protocol_reaction, {});
+        if (reaction.kind == Reaction::Kind::Begin) {
+            ++_begun;
+            beginInProtocol(reaction.request);
+        } else if (reaction.kind == Reaction::Kind::Close) {
+            _port.close();
+        }
+    }
+
+    void recordResult(jvxb::Error error, bool is_empty, const QByteArray &event)
+    {
+        ++_results;
+        require(error == jvxb::Error::None || is_empty, "on an error the other arguments are empty");
+        record(event);
+    }
+
+    void reactInModel()
+    {
+        const Reaction reaction = std::exchange(_model_reaction, {});
+        if (reaction.kind == Reaction::Kind::Begin)
+            _model.begin(reaction.request);
+        else if (reaction.kind == Reaction::Kind::Close)
+            _model.close();
+    }
+
+    static int code(jvxb::Error error) { return static_cast<int>(error); }
+    static int code(File file) { return static_cast<int>(file); }
+
+    void connectIdentification()
+    {
+        using jvxb::Error;
+        using jvxb::Protocol;
+        QObject::connect(&_protocol, &Protocol::softVersionReaded, &_port,
+            [this](Error error, const QString &name, const QString &version, const QString &date,
+                const QString &language) {
+                recordResult(error, (name + version + date + language).isEmpty(),
+                    model::event("software", code(error), name, version, date, language));
+            });
+        QObject::connect(&_protocol, &Protocol::hardVesionReaded, &_port, [this](Error error, quint64 bhr) {
+            recordResult(error, bhr == 0, model::event("hardware", code(error), QString::number(bhr)));
+        });
+        QObject::connect(&_protocol, &Protocol::serialNumberReaded, &_port, [this](Error error, const QString &sn) {
+            recordResult(error, sn.isEmpty(), model::event("serial", code(error), sn));
+        });
+        QObject::connect(&_protocol, &Protocol::errorOccured, &_port, [this](const QString &text) { _errors += text; });
+    }
+
+    void connectFiles()
+    {
+        using jvxb::Error;
+        using jvxb::Protocol;
+        QObject::connect(
+            &_protocol, &Protocol::fileReaded, &_port, [this](Error error, File file, const QByteArray &data) {
+                recordResult(error, data.isEmpty(), model::event("read", code(error), code(file), data));
+            });
+        QObject::connect(
+            &_protocol, &Protocol::fileReadingProgress, &_port, [this](File file, int size, int full_size) {
+                require(static_cast<quint32>(size) <= static_cast<quint32>(full_size),
+                    "a read never goes beyond what was announced");
+                record(model::event("reading", code(file), size, full_size));
+            });
+        QObject::connect(&_protocol, &Protocol::fileWritten, &_port, [this](Error error, File file) {
+            recordResult(error, true, model::event("written", code(error), code(file)));
+        });
+        QObject::connect(
+            &_protocol, &Protocol::fileWritingProgress, &_port, [this](File file, int size, int full_size) {
+                record(model::event("writing", code(file), size, full_size));
+            });
+        QObject::connect(&_protocol, &Protocol::fileApplied, &_port, [this](Error error, File file) {
+            recordResult(error, true, model::event("applied", code(error), code(file)));
+        });
+    }
+
+    void connectLog()
+    {
+        using jvxb::Error;
+        using jvxb::Protocol;
+        QObject::connect(&_protocol, &Protocol::logEnabled, &_port, [this](Error error, quint32 mask) {
+            recordResult(error, mask == 0, model::event("mask", code(error), static_cast<qint64>(mask)));
+        });
+        QObject::connect(&_protocol, &Protocol::logReceived, &_port,
+            [this](jvxb::Log log, quint8 type, const QDateTime &time, const QByteArray &data) {
+                record(model::event("log", static_cast<int>(log), type, time.toMSecsSinceEpoch(), data));
+            });
+    }
+
+    PortDouble _port;
+    jvxb::Protocol _protocol;
+    model::Engine _model;
+    QByteArrayList _events; ///< of the protocol, as the model writes them
+    QStringList _errors;
+    qsizetype _seen = 0; ///< packets compared
+    qsizetype _piece_size = 0;
+    Reaction _protocol_reaction;
+    Reaction _model_reaction;
+    int _begun = 0;
+    int _results = 0;
+};
+
+model::Request takeRequest(Input &input)
+{
+    static const std::array<QByteArray, 7> keys{"V", "H", "S", "FR", "FW", "FU", "LOG"};
+    model::Request request;
+    request.key = keys.at(input.byte() % keys.size());
+    if (request.key == "FW") {
+        const auto size = static_cast<qsizetype>(input.number(2) % 2000);
+        request.data = QByteArray(size, static_cast<char>(input.byte()));
+    }
+    if (request.key.startsWith('F'))
+        request.kind = input.byte();
+    if (request.key == "FU" || request.key == "LOG")
+        request.parameter = input.number(4);
+    return request;
+}
+
+/// The field that \a usual is, but for one in 8.
+quint32 field(Input &input, quint32 usual, int size)
+{
+    return input.byte() % 8 != 7 ? usual : input.number(size);
+}
+
+QByteArray fileAnswer(const model::Request &request, Input &input)
+{
+    QByteArray payload = packets::number(field(input, '1', 1), 1) + packets::number(field(input, request.kind, 1), 1);
+    if (request.key == "FU")
+        return payload + input.bytes();
+    const auto size = static_cast<quint32>(request.data.size());
+    const quint32 length = field(input, 512, 2) % 1500;
+    payload += packets::number(input.byte(), 4) + packets::number(field(input, input.byte() * 128U, 4), 4)
+        + packets::number(length, 2);
+    if (request.key == "FR") {
+        const quint32 brought = field(input, length, 2) % 1500;
+        payload += packets::number(field(input, size + input.byte() * 8U, 4), 4)
+            + QByteArray(static_cast<qsizetype>(brought), static_cast<char>(input.byte()));
+    }
+    return payload.first(payload.size() - std::min<qsizetype>(field(input, 0, 1), payload.size()));
+}
+
+QByteArray answerTo(const model::Request &request, Input &input)
+{
+    if (request.key.startsWith('F'))
+        return packets::packet("*@" + request.key + fileAnswer(request, input));
+    if (request.key == "LOG")
+        return packets::packet("*@LOG" + input.bytes());
+    static const std::array<QByteArray, 3> beginnings{"", ":", ":BHR:"};
+    return packets::packet("*#" + request.key + beginnings.at(input.byte() % 3) + input.bytes());
+}
+
+void stepOfOneRequest(Bench &bench, Input &input)
+{
+    const qsizetype count = bench.pending().size();
+    if (count == 0)
+        return;
+    const quint8 choice = input.byte();
+    const qsizetype index = choice / 8 % count;
+    if (choice % 8 == 6)
+        bench.timeOut(index);
+    else if (choice % 8 == 7)
+        bench.end(index);
+    else
+        bench.deliver(answerTo(*bench.pending().at(index), input));
+}
+
+void step(Bench &bench, Input &input)
+{
+    constexpr qsizetype most_requests = 20; // what the model copies for each body
+    switch (input.byte() % 10) {
+    case 0:
+        return bench.pending().size() < most_requests ? bench.begin(takeRequest(input)) : void();
+    case 1:
+        return bench.deliver(input.bytes());
+    case 2:
+        return bench.deliver(packets::packet(input.bytes()));
+    case 3:
+        return bench.deliver(packets::packet("*>LOG" + input.bytes()));
+    case 4:
+        return bench.close();
+    case 5:
+        return bench.open();
+    case 6:
+        return bench.setPieceSize(input.byte());
+    case 7:
+        return input.byte() % 2 == 0 ? bench.setReaction({Reaction::Kind::Begin, takeRequest(input)})
+                                     : bench.setReaction({Reaction::Kind::Close, {}});
+    case 8:
+        return bench.reportError(input.byte() % 2 == 1);
+    default:
+        return stepOfOneRequest(bench, input);
+    }
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    static int argument_count = 1;
+    static std::array<char, 5> name{"fuzz"};
+    static std::array<char *, 2> arguments{name.data(), nullptr};
+    static const QCoreApplication application(argument_count, arguments.data());
+    qInstallMessageHandler(dropMessage);
+
+    Input input(data, size);
+    Bench bench;
+    while (!input.isAtEnd()) {
+        step(bench, input);
+        bench.compare();
+    }
+    bench.finish();
+    return 0;
+}
