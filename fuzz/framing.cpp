@@ -1,0 +1,120 @@
+// The search for packets in any bytes that come in any pieces, beside a search step by step.
+
+#include "jvxb/framing.h"
+#include "model.h"
+#include "target.h"
+
+#include <ctime>
+
+namespace {
+
+/// A buffer of the tool and the model of it, which have to find the same.
+class Bench {
+public:
+    void setPieceSize(qsizetype size) { _piece_size = size; }
+
+    void append(const QByteArray &bytes)
+    {
+        const qsizetype size = _piece_size > 0 ? _piece_size : bytes.size();
+        for (qsizetype begin = 0; begin < bytes.size(); begin += size) {
+            const QByteArray piece = bytes.mid(begin, size);
+            _buffer.append(piece);
+            _stream.append(piece);
+            compare();
+        }
+    }
+
+    void clear()
+    {
+        _buffer.clear();
+        _stream.clear();
+    }
+
+private:
+    void compare()
+    {
+        std::optional<QByteArray> body;
+        do {
+            body = _buffer.takeBody();
+            require(body == _stream.takeBody(), "bodies are as the model's");
+        } while (body);
+    }
+
+    jvxb::ReceiveBuffer _buffer;
+    model::Stream _stream;
+    qsizetype _piece_size = 0;
+};
+
+/// A header with right checksum that claims any body.
+QByteArray takeHeader(Input &input)
+{
+    const auto length = static_cast<quint16>(input.number(2));
+    return packets::header(length, static_cast<char>(input.byte()));
+}
+
+/// A packet with one bit that is wrong.
+QByteArray takeDamaged(Input &input)
+{
+    const auto position = static_cast<qsizetype>(input.number(2));
+    QByteArray packet = packets::packet(input.bytes());
+    char &byte = packet[position % packet.size()];
+    byte = static_cast<char>(byte ^ 1 << input.byte() % 8);
+    return packet;
+}
+
+void step(Bench &bench, Input &input)
+{
+    switch (input.byte() % 8) {
+    case 0:
+    case 1:
+        return bench.append(input.bytes());
+    case 2:
+    case 3:
+        return bench.append(packets::packet(input.bytes()));
+    case 4:
+        return bench.append(takeHeader(input));
+    case 5:
+        return bench.append(takeDamaged(input));
+    case 6:
+        return bench.setPieceSize(input.byte());
+    default:
+        return bench.clear();
+    }
+}
+
+/// \a bytes again and again take some hundredths of a second, and longer than the limit if each header costs as much as
+/// the body that it claims. That is a thousand times what another input takes, so only one in so many is tried, the
+/// first of a process among them.
+void checkThatWorkIsLinear(const QByteArray &bytes)
+{
+    constexpr qsizetype stretched_size = 512 * 1024;
+    constexpr double limit = 0.5; // seconds of the processor
+    constexpr unsigned int share = 1000;
+    static unsigned int calls = 0;
+    if (bytes.isEmpty() || calls++ % share != 0)
+        return;
+    const QByteArray stream = bytes.repeated(stretched_size / bytes.size());
+    const std::clock_t start = std::clock();
+    jvxb::ReceiveBuffer buffer;
+    buffer.append(stream);
+    qsizetype found = 0;
+    while (const std::optional<QByteArray> body = buffer.takeBody())
+        found += body->size();
+    require(found <= stream.size(), "no byte is in two bodies");
+    require(static_cast<double>(std::clock() - start) < limit * CLOCKS_PER_SEC, "the work is linear");
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    Input input(data, size);
+    if (input.byte() == 0xFF) {
+        checkThatWorkIsLinear(input.rest());
+        return 0;
+    }
+    Bench bench;
+    while (!input.isAtEnd())
+        step(bench, input);
+    return 0;
+}
