@@ -1,8 +1,13 @@
-#include "harness.h"
+#include "console.h"
+#include "localfiles.h"
+#include "simulatedterminal.h"
+#include "tool.h"
+
+#include <QTest>
 
 /// The reader of the tool's output leaves: what is done for the terminal is done to its end all the same, but the log
 /// is not printed to nobody.
-class TestAudience : public QObject {
+class AudienceTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -32,90 +37,80 @@ void readers()
 }
 
 /// The tool, its output going to \a reader. One that reads nothing has left before the tool starts.
-Tool toolRead(const QString &reader, const QStringList &arguments)
+Tool toolRead(const QString &reader, const QStringList &arguments, const QStringList &environment = {})
 {
     const QString wait = reader == QLatin1String("true") ? QStringLiteral("wait $!; ") : QString();
     const QString command = QStringLiteral("exec 3> >(exec %1); %2exec \"$@\" >&3").arg(reader, wait);
     return {QStringLiteral("bash"),
-        QStringList{QStringLiteral("-c"), command, QStringLiteral("bash"), QStringLiteral(JVX_LOADER)} + arguments, {}};
+        QStringList{QStringLiteral("-c"), command, QStringLiteral("bash"), Tool::path()} + arguments, environment};
 }
 
-/// The number of lines that came through to the reader of the reader.
-qsizetype lines(const Run &run)
+/// A run that ends with \a code, and whose reader took the first \a lines of \a output along.
+Run readUpTo(int lines, int code, const QByteArray &output)
 {
-    return run.output.count('\n');
+    qsizetype end = 0;
+    for (int line = 0; line < lines; ++line)
+        end = output.indexOf('\n', end) + 1;
+    return exits(code, output.first(end));
 }
 
 } // namespace
 
-void TestAudience::aWriteOutlivesItsReader_data()
+void AudienceTest::aWriteOutlivesItsReader_data()
 {
     readers();
 }
 
-void TestAudience::aWriteOutlivesItsReader()
+void AudienceTest::aWriteOutlivesItsReader()
 {
     QFETCH(QString, reader);
     FilingTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
     files::store(local, settings);
-    const Run run = toolRead(reader,
-        {QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-f"), QStringLiteral("settings"),
-            local})
-                        .finish();
-    QCOMPARE(run.errors, QByteArray());
-    QTEST(static_cast<int>(lines(run)), "lines");
-    QCOMPARE(run.code, 0);
+    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-w -f settings", local)).finish();
+    QFETCH(int, lines);
+    QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
     QCOMPARE(files::content(terminal.own(QStringLiteral("settings"))), settings);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestAudience::anApplyOutlivesItsReader_data()
+void AudienceTest::anApplyOutlivesItsReader_data()
 {
     readers();
 }
 
-void TestAudience::anApplyOutlivesItsReader()
+void AudienceTest::anApplyOutlivesItsReader()
 {
     QFETCH(QString, reader);
     FilingTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
     files::store(local, settings);
-    const Run run = toolRead(reader,
-        {QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-a"), QStringLiteral("-f"),
-            QStringLiteral("settings"), local})
-                        .finish();
-    QTEST(static_cast<int>(lines(run)), "lines");
-    QCOMPARE(run.code, 0);
+    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-w -a -f settings", local)).finish();
+    QFETCH(int, lines);
+    QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
     QCOMPARE(files::content(terminal.own(QStringLiteral("settings"))), settings);
     // The terminal has restarted, and has been asked for its log after that.
     QCOMPARE(terminal.record().mid(terminal.record().size() - 3, 2), QByteArrayList({"# unplugged", "# link up"}));
     QCOMPARE(terminal.requests().constLast(), QByteArray("2a214c4f4700400000"));
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestAudience::aReadOutlivesItsReader_data()
+void AudienceTest::aReadOutlivesItsReader_data()
 {
     readers();
 }
 
-void TestAudience::aReadOutlivesItsReader()
+void AudienceTest::aReadOutlivesItsReader()
 {
     QFETCH(QString, reader);
     FilingTerminal terminal;
     files::store(terminal.own(QStringLiteral("settings")), settings);
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    const Run run = toolRead(reader,
-        {QStringLiteral("-p"), terminal.port(), QStringLiteral("-r"), QStringLiteral("-f"), QStringLiteral("settings"),
-            local})
-                        .finish();
-    QTEST(static_cast<int>(lines(run)), "lines");
-    QCOMPARE(run.code, 0);
+    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-r -f settings", local)).finish();
+    QFETCH(int, lines);
+    QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
     QCOMPARE(files::content(local), settings);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestAudience::aFailureKeepsItsCode_data()
+void AudienceTest::aFailureKeepsItsCode_data()
 {
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<int>("code");
@@ -124,16 +119,16 @@ void TestAudience::aFailureKeepsItsCode_data()
     QTest::newRow("no path") << QStringList{QStringLiteral("-r")} << 256 - 101;
 }
 
-void TestAudience::aFailureKeepsItsCode()
+void AudienceTest::aFailureKeepsItsCode()
 {
     QFETCH(QStringList, options);
     FilingTerminal terminal;
     const QStringList port{QStringLiteral("-p"), terminal.port()};
-    QTEST(toolRead(QStringLiteral("true"), port + options).finish().code, "code");
-    QCOMPARE(terminal.finish(), QByteArray());
+    QFETCH(int, code);
+    QCOMPARE(toolRead(QStringLiteral("true"), port + options).finish(), exits(code, {}));
 }
 
-void TestAudience::theLogEndsWithItsReader_data()
+void AudienceTest::theLogEndsWithItsReader_data()
 {
     QTest::addColumn<QString>("reader");
     QTest::addColumn<int>("lines");
@@ -142,15 +137,16 @@ void TestAudience::theLogEndsWithItsReader_data()
     QTest::newRow("before the start") << QStringLiteral("true") << 0;
 }
 
-void TestAudience::theLogEndsWithItsReader()
+void AudienceTest::theLogEndsWithItsReader()
 {
     QFETCH(QString, reader);
-    SimulatedTerminal terminal({QStringLiteral("--log-rate"), QStringLiteral("20")});
-    const Run run = toolRead(reader, {QStringLiteral("-p"), terminal.port(), QStringLiteral("-m")}).finish();
-    QTEST(static_cast<int>(lines(run)), "lines");
-    QCOMPARE(run.code, -1); // by the signal
+    SimulatedTerminal terminal(words("--log-rate 20 --log-start 1699920000")); // midnight
+    const QByteArray record("00:00:00 000 [1] #0 ignition on\r\n");
+    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-m"), words("TZ=UTC0")).finish();
+    QFETCH(int, lines);
+    QCOMPARE(run, readUpTo(lines, ended_by_signal, console::identification(terminal.port()) + record));
     QVERIFY(terminal.requests().contains("2a214c4f4700400000"));
 }
 
-QTEST_GUILESS_MAIN(TestAudience)
+QTEST_GUILESS_MAIN(AudienceTest)
 #include "tst_audience.moc"

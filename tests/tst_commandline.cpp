@@ -1,8 +1,8 @@
+#include "localfiles.h"
+#include "tool.h"
+
 #include <QDir>
 #include <QFile>
-#include <QMap>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QSerialPortInfo>
 #include <QTemporaryDir>
 #include <QTest>
@@ -11,66 +11,15 @@
 
 namespace {
 
-constexpr int patience = 30000; // ms; every run here ends at once unless it hangs
-
-/// Environment variables to set, or to remove where the value is null.
-using Changes = QMap<QString, QString>;
-
-/// What a shell sees of a run. Exit codes are unsigned there: 155 is -101; here -1 stands for a crash or a hang.
-struct Run {
-    int code;
-    QByteArray output;
-    QByteArray error;
-
-    bool operator==(const Run &) const = default;
-};
-
-char *toString(const Run &run)
+Run run(const QStringList &arguments, const QStringList &environment = {})
 {
-    return qstrdup(QByteArray::number(run.code) + ", output \"" + run.output + "\", error \"" + run.error + '"');
-}
-
-/// A run that ends with \a code and has nothing to say but \a output.
-Run exits(int code, const QByteArray &output)
-{
-    return {code, output, {}};
-}
-
-QProcessEnvironment environment(const Changes &changes)
-{
-    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
-    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE", "QT_QPA_PLATFORM", "LANGUAGE"})
-        variables.remove(QString::fromLatin1(name));
-    variables.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
-    for (auto change = changes.cbegin(); change != changes.cend(); ++change) {
-        if (change->isNull())
-            variables.remove(change.key());
-        else
-            variables.insert(change.key(), *change);
-    }
-    return variables;
-}
-
-/// Runs the tool, without a display unless \a changes name one.
-Run run(const QStringList &arguments, const Changes &changes = {})
-{
-    QProcess tool;
-    tool.setProcessEnvironment(environment(changes));
-    tool.setStandardInputFile(QProcess::nullDevice());
-    tool.start(QStringLiteral(JVX_LOADER), arguments);
-    const bool finished = tool.waitForFinished(patience) && tool.exitStatus() == QProcess::NormalExit;
-    return {finished ? tool.exitCode() : -1, tool.readAllStandardOutput(), tool.readAllStandardError()};
-}
-
-QStringList words(const char *line)
-{
-    return QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return Tool(arguments, environment).finish();
 }
 
 /// A row that is named after its command line, in which '' stands for an empty argument.
 QTestData &commandLine(const char *line)
 {
-    return QTest::newRow(line) << words(line).replaceInStrings(QStringLiteral("''"), QString());
+    return QTest::newRow(line) << words(line);
 }
 
 void commandLineRows(std::initializer_list<const char *> lines)
@@ -89,7 +38,7 @@ bool terminalIsConnected()
     });
 }
 
-const QByteArray cannotOpen = QByteArrayLiteral("Failed to open serial port nosuchport: No such file or directory\n");
+const QByteArray cannot_open = QByteArrayLiteral("Failed to open serial port nosuchport: No such file or directory\n");
 
 } // namespace
 
@@ -167,7 +116,7 @@ void CommandLineTest::aKnownKindPasses_data()
 void CommandLineTest::aKnownKindPasses()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannotOpen));
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannot_open));
 }
 
 void CommandLineTest::withoutAPortNothingStarts_data()
@@ -216,7 +165,7 @@ void CommandLineTest::aValidLogMaskPasses_data()
 void CommandLineTest::aValidLogMaskPasses()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannotOpen));
+    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannot_open));
 }
 
 void CommandLineTest::aPortThatDoesNotExistIsReported_data()
@@ -237,28 +186,28 @@ void CommandLineTest::aPortThatDoesNotExistIsReported()
 // The same name as in all other messages about the port.
 void CommandLineTest::aDeviceFileIsReportedByThePortsName()
 {
-    QCOMPARE(run(words("-p /dev/nosuchport")), exits(151, cannotOpen));
+    QCOMPARE(run(words("-p /dev/nosuchport")), exits(151, cannot_open));
 }
 
 void CommandLineTest::theFirstFailureDecides_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("code");
-    commandLine("-l xyz -p '' -f nokey -r") << 155;
-    commandLine("-l xyz -p '' -f nokey") << 154;
-    commandLine("-l xyz -p '' -f nokey file -w") << 154;
-    commandLine("-l xyz -p ''") << 153;
-    commandLine("-l xyz -p nosuchport") << 150;
-    commandLine("-l 4000 -p nosuchport") << 151;
+    QTest::addColumn<QByteArray>("message");
+    commandLine("-l xyz -p '' -f nokey -r") << 155 << QByteArray("File name not specified\n");
+    commandLine("-l xyz -p '' -f nokey") << 154 << QByteArray("Selected unknown file\n");
+    commandLine("-l xyz -p '' -f nokey file -w") << 154 << QByteArray("Selected unknown file\n");
+    commandLine("-l xyz -p ''") << 153 << QByteArray("Serial port is not selected\n");
+    commandLine("-l xyz -p nosuchport") << 150 << QByteArray("Invalid log mask\n");
+    commandLine("-l 4000 -p nosuchport") << 151 << cannot_open;
 }
 
 void CommandLineTest::theFirstFailureDecides()
 {
     QFETCH(QStringList, arguments);
-    const Run result = run(arguments);
-    QTEST(result.code, "code");
-    QCOMPARE(result.output.count('\n'), 1);
-    QCOMPARE(result.error, QByteArray());
+    QFETCH(int, code);
+    QFETCH(QByteArray, message);
+    QCOMPARE(run(arguments), exits(code, message));
 }
 
 void CommandLineTest::furtherArgumentsAreIgnored_data()
@@ -270,7 +219,7 @@ void CommandLineTest::furtherArgumentsAreIgnored_data()
 void CommandLineTest::furtherArgumentsAreIgnored()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(words("-p nosuchport") + arguments), exits(151, cannotOpen));
+    QCOMPARE(run(words("-p nosuchport") + arguments), exits(151, cannot_open));
 }
 
 void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen_data()
@@ -283,16 +232,12 @@ void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen()
     QFETCH(QStringList, arguments);
     const QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("file"));
-    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannotOpen));
+    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannot_open));
     QVERIFY(QDir(directory.path()).isEmpty());
 
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    file.write("kept");
-    QVERIFY(file.flush());
-    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannotOpen));
-    QVERIFY(file.seek(0));
-    QCOMPARE(file.readAll(), QByteArrayLiteral("kept"));
+    files::store(path, "kept");
+    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannot_open));
+    QCOMPARE(files::content(path), QByteArrayLiteral("kept"));
 }
 
 void CommandLineTest::theVersionIsShown_data()
@@ -315,10 +260,9 @@ void CommandLineTest::theHelpIsShown()
 {
     QFETCH(QStringList, arguments);
     const Run result = run(arguments);
-    QCOMPARE(result.code, 0);
-    QCOMPARE(result.error, QByteArray());
     QVERIFY(result.output.startsWith("Usage: "));
     QVERIFY(result.output.contains(" [options] file\nJVX file loader\n"));
+    QCOMPARE(result, exits(0, result.output));
 }
 
 void CommandLineTest::theHelpHoldsEveryLineInOrder()
@@ -362,56 +306,49 @@ void CommandLineTest::aMisuseIsExplainedOnStandardError()
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, named);
     const Run result = run(arguments);
-    QCOMPARE(result.code, 1);
-    QCOMPARE(result.output, QByteArray());
-    QVERIFY2(result.error.contains(named), result.error.constData());
+    QVERIFY2(result.errors.contains(named), result.errors.constData());
+    QCOMPARE(result, fails(1, result.errors));
 }
 
 void CommandLineTest::theSurroundingsMakeNoDifference_data()
 {
-    QTest::addColumn<Changes>("changes");
-    const QString display = QStringLiteral("DISPLAY");
-    const QString dead = QStringLiteral(":77");
-    const QString locale = QStringLiteral("LC_ALL");
-    const QString c_locale = QStringLiteral("C");
-    const QString platform = QStringLiteral("QT_QPA_PLATFORM");
-    QTest::newRow("no display") << Changes{};
-    QTest::newRow("no display, C locale") << Changes{{locale, c_locale}};
-    QTest::newRow("no display, no locale") << Changes{{locale, {}}, {QStringLiteral("LANG"), {}}};
-    QTest::newRow("empty display") << Changes{{display, QStringLiteral("")}};
-    QTest::newRow("dead display") << Changes{{display, dead}};
-    QTest::newRow("dead display, C locale") << Changes{{display, dead}, {locale, c_locale}};
-    const QString wayland = QStringLiteral("WAYLAND_DISPLAY");
-    const QString session = QStringLiteral("XDG_SESSION_TYPE");
-    const QString desktop = QStringLiteral("XDG_CURRENT_DESKTOP");
-    QTest::newRow("dead Wayland display") << Changes{{wayland, dead}};
-    QTest::newRow("dead Wayland session") << Changes{{session, QStringLiteral("wayland")}};
-    QTest::newRow("dead Wayland and X displays") << Changes{{wayland, dead}, {display, dead}};
-    QTest::newRow("dead Wayland and X displays of another desktop")
-        << Changes{{wayland, dead}, {display, dead}, {desktop, QStringLiteral("ubuntu:GNOME")}};
-    QTest::newRow("no platform named") << Changes{{platform, QStringLiteral("")}};
-    QTest::newRow("offscreen") << Changes{{platform, QStringLiteral("offscreen")}};
-    QTest::newRow("offscreen, C locale") << Changes{{platform, QStringLiteral("offscreen")}, {locale, c_locale}};
-    QTest::newRow("offscreen, dead display") << Changes{{platform, QStringLiteral("offscreen")}, {display, dead}};
-    QTest::newRow("minimal") << Changes{{platform, QStringLiteral("minimal")}};
-    QTest::newRow("no home") << Changes{{QStringLiteral("HOME"), {}}, {QStringLiteral("XDG_RUNTIME_DIR"), {}}};
+    QTest::addColumn<QStringList>("environment");
+    const auto row = [](const char *name, const char *environment) { QTest::newRow(name) << words(environment); };
+    row("no display", "");
+    row("no display, C locale", "LC_ALL=C");
+    row("no display, no locale", "LC_ALL LANG");
+    row("empty display", "DISPLAY=");
+    row("dead display", "DISPLAY=:77");
+    row("dead display, C locale", "DISPLAY=:77 LC_ALL=C");
+    row("dead Wayland display", "WAYLAND_DISPLAY=:77");
+    row("dead Wayland session", "XDG_SESSION_TYPE=wayland");
+    row("dead Wayland and X displays", "WAYLAND_DISPLAY=:77 DISPLAY=:77");
+    row("dead Wayland and X displays of another desktop",
+        "WAYLAND_DISPLAY=:77 DISPLAY=:77 XDG_CURRENT_DESKTOP=ubuntu:GNOME");
+    row("no platform named", "QT_QPA_PLATFORM=");
+    row("offscreen", "QT_QPA_PLATFORM=offscreen");
+    row("offscreen, C locale", "QT_QPA_PLATFORM=offscreen LC_ALL=C");
+    row("offscreen, dead display", "QT_QPA_PLATFORM=offscreen DISPLAY=:77");
+    row("minimal", "QT_QPA_PLATFORM=minimal");
+    row("no home", "HOME XDG_RUNTIME_DIR");
 }
 
 void CommandLineTest::theSurroundingsMakeNoDifference()
 {
-    QFETCH(Changes, changes);
-    QCOMPARE(run(words("-p nosuchport"), changes), exits(151, cannotOpen));
-    QCOMPARE(run(words("-r"), changes), exits(155, "File name not specified\n"));
-    QCOMPARE(run(words("--version"), changes), exits(0, "JVX file loader 0.0.8\n"));
-    QCOMPARE(run(words("--help"), changes), exits(0, run(words("--help")).output));
+    QFETCH(QStringList, environment);
+    QCOMPARE(run(words("-p nosuchport"), environment), exits(151, cannot_open));
+    QCOMPARE(run(words("-r"), environment), exits(155, "File name not specified\n"));
+    QCOMPARE(run(words("--version"), environment), exits(0, "JVX file loader 0.0.8\n"));
+    QCOMPARE(run(words("--help"), environment), exits(0, run(words("--help")).output));
 }
 
 // Remarks of the framework stay away from standard error, but not what somebody asks it for.
 void CommandLineTest::theFrameworkMayBeDebugged()
 {
-    const Run debugged = run(words("--version"), {{QStringLiteral("QT_DEBUG_PLUGINS"), QStringLiteral("1")}});
+    const Run debugged = run(words("--version"), words("QT_DEBUG_PLUGINS=1"));
+    QCOMPARE(debugged.code, 0);
     QCOMPARE(debugged.output, QByteArray("JVX file loader 0.0.8\n"));
-    QVERIFY(debugged.error.contains("qt.core.plugin"));
+    QVERIFY(debugged.errors.contains("qt.core.plugin"));
 }
 
 void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()
@@ -419,14 +356,9 @@ void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()
     const QString full = QStringLiteral("/dev/full");
     if (!QFile::exists(full))
         QSKIP("No /dev/full here");
-    QProcess tool;
-    tool.setProcessEnvironment(environment({}));
-    tool.setStandardOutputFile(full);
-    tool.start(QStringLiteral(JVX_LOADER), words("-p nosuchport"));
-    QVERIFY(tool.waitForFinished(patience));
-    QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(tool.exitCode(), 151);
-    QCOMPARE(tool.readAllStandardError(), QByteArray());
+    const QStringList command{QStringLiteral("-c"), QStringLiteral("exec \"$@\" >/dev/full"), QStringLiteral("sh")};
+    Tool tool(QStringLiteral("sh"), command + QStringList{Tool::path()} + words("-p nosuchport"), {});
+    QCOMPARE(tool.finish(), exits(151, {}));
 }
 
 QTEST_GUILESS_MAIN(CommandLineTest)

@@ -1,22 +1,26 @@
 #include "capture.h"
 #include "device.h"
-#include "harness.h"
+#include "simulatedterminal.h"
+#include "words.h"
 
 #include <QSignalSpy>
+#include <QTest>
+#include <QTimer>
 
 #include <climits>
 #include <csignal>
+#include <memory>
 
 /// The controller in this process, against the simulated terminal in its own.
-class TestDevice : public QObject {
+class DeviceTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
     void init();
     void cleanup();
 
-    void progress_data();
-    void progress();
+    void theProgressIsPrintedInPercent_data();
+    void theProgressIsPrintedInPercent();
 
     void openingAnOpenPortPrintsAndSchedulesNothing();
     void readingDropsTheWrite();
@@ -51,21 +55,19 @@ private:
     jvxb::Protocol *_protocol = nullptr;
 };
 
-void TestDevice::init()
+void DeviceTest::init()
 {
     _device = std::make_unique<Device>();
 }
 
-void TestDevice::cleanup()
+void DeviceTest::cleanup()
 {
     _device.reset();
-    if (_terminal)
-        QCOMPARE(_terminal->finish(), QByteArray());
     _terminal.reset();
 }
 
 /// Starts the controller on a new simulated terminal.
-bool TestDevice::start(const QStringList &options)
+bool DeviceTest::start(const QStringList &options)
 {
     _terminal = std::make_unique<SimulatedTerminal>(options);
     const bool started = _device->start(_terminal->port());
@@ -74,14 +76,14 @@ bool TestDevice::start(const QStringList &options)
 }
 
 /// Runs the event loop until the terminal is identified.
-void TestDevice::identify()
+void DeviceTest::identify()
 {
     QSignalSpy identified(_protocol, &jvxb::Protocol::serialNumberReaded);
     QTRY_COMPARE(identified.count(), 1);
 }
 
 /// Starts the controller on a new simulated terminal, and runs the event loop until it monitors the log.
-void TestDevice::monitor(const QStringList &options)
+void DeviceTest::monitor(const QStringList &options)
 {
     _device->_log_monitor = true;
     QVERIFY(start(options));
@@ -89,7 +91,7 @@ void TestDevice::monitor(const QStringList &options)
     QTRY_COMPARE(enabled.count(), 1);
 }
 
-int TestDevice::requestsWith(const QByteArray &key) const
+int DeviceTest::requestsWith(const QByteArray &key) const
 {
     int count = 0;
     for (const QByteArray &body : _terminal->requests()) {
@@ -99,7 +101,7 @@ int TestDevice::requestsWith(const QByteArray &key) const
     return count;
 }
 
-void TestDevice::progress_data()
+void DeviceTest::theProgressIsPrintedInPercent_data()
 {
     QTest::addColumn<int>("size");
     QTest::addColumn<int>("full_size");
@@ -122,7 +124,7 @@ void TestDevice::progress_data()
     QTest::newRow("-1 of -1") << -1 << -1 << QByteArray("\r100% completed (-1/-1)");
 }
 
-void TestDevice::progress()
+void DeviceTest::theProgressIsPrintedInPercent()
 {
     QFETCH(int, size);
     QFETCH(int, full_size);
@@ -134,7 +136,7 @@ void TestDevice::progress()
     QCOMPARE(console.flushed(), printed + printed);
 }
 
-void TestDevice::openingAnOpenPortPrintsAndSchedulesNothing()
+void DeviceTest::openingAnOpenPortPrintsAndSchedulesNothing()
 {
     _device->logEnable(0x4000);
     QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
@@ -145,7 +147,7 @@ void TestDevice::openingAnOpenPortPrintsAndSchedulesNothing()
     QCOMPARE(requestsWith("LOG"), 0);
 }
 
-void TestDevice::readingDropsTheWrite()
+void DeviceTest::readingDropsTheWrite()
 {
     const QTemporaryDir directory;
     const QString local = directory.filePath(QStringLiteral("local.bin"));
@@ -158,21 +160,21 @@ void TestDevice::readingDropsTheWrite()
     QCOMPARE(requestsWith("FW"), 0);
 }
 
-void TestDevice::applyWithoutWriteIsDropped()
+void DeviceTest::applyWithoutWriteIsDropped()
 {
     _device->_apply_file = File::Settings;
     QVERIFY(start());
     QCOMPARE(_device->_apply_file, File::Unknown);
 }
 
-void TestDevice::closingAClosedPortPrintsNothing()
+void DeviceTest::closingAClosedPortPrintsNothing()
 {
     const Capture console;
     _device->closeSerialPort();
     QCOMPARE(console.written(), QByteArray());
 }
 
-void TestDevice::noOperationStartsWhileThePortIsClosed()
+void DeviceTest::noOperationStartsWhileThePortIsClosed()
 {
     _device->logEnable(0x4000);
     QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
@@ -186,7 +188,7 @@ void TestDevice::noOperationStartsWhileThePortIsClosed()
     QTRY_COMPARE(requestsWith("LOG"), 1);
 }
 
-void TestDevice::aFailedReopenIsSilentUnlessItEndsTheRun()
+void DeviceTest::aFailedReopenIsSilentUnlessItEndsTheRun()
 {
     QVERIFY(start({QStringLiteral("--vanish"), QStringLiteral("V"), QStringLiteral("--no-return")}));
     QTRY_COMPARE(requestsWith("V"), 1);
@@ -202,7 +204,7 @@ void TestDevice::aFailedReopenIsSilentUnlessItEndsTheRun()
         "\r              \nError: Failed to open serial port " + _terminal->port().toLocal8Bit() + ": \n");
 }
 
-void TestDevice::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
+void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
 {
     _device->_log_monitor = true; // the run does not end by itself
     QVERIFY(start());
@@ -223,7 +225,7 @@ void TestDevice::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
     QCOMPARE(console.flushed().count("Serial port open"), 1);
 }
 
-void TestDevice::aPortErrorEndsTheRunOnce()
+void DeviceTest::aPortErrorEndsTheRunOnce()
 {
     _device->_log_monitor = true; // the run does not end by itself
     QVERIFY(start());
@@ -237,7 +239,7 @@ void TestDevice::aPortErrorEndsTheRunOnce()
     QCOMPARE(console.flushed(), QByteArray("Error: The port is %1\n"));
 }
 
-void TestDevice::theFirstExitCodeStands()
+void DeviceTest::theFirstExitCodeStands()
 {
     _device->logEnable(0);
     QVERIFY(start());
@@ -252,7 +254,7 @@ void TestDevice::theFirstExitCodeStands()
     QVERIFY2(!console.written().contains("Error"), console.written().constData());
 }
 
-void TestDevice::noOperationStartsAfterTheEnd()
+void DeviceTest::noOperationStartsAfterTheEnd()
 {
     _device->logEnable(0x4000);
     QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
@@ -265,7 +267,7 @@ void TestDevice::noOperationStartsAfterTheEnd()
     QCOMPARE(requestsWith("LOG"), 0);
 }
 
-void TestDevice::aResultAfterTheEndIsNotPrinted()
+void DeviceTest::aResultAfterTheEndIsNotPrinted()
 {
     QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
     Q_EMIT _protocol->errorOccured(QStringLiteral("gone"));
@@ -274,7 +276,7 @@ void TestDevice::aResultAfterTheEndIsNotPrinted()
     QCOMPARE(console.written(), QByteArray());
 }
 
-void TestDevice::recordsOfTheTextLogArePrinted_data()
+void DeviceTest::recordsOfTheTextLogArePrinted_data()
 {
     QTest::addColumn<int>("type");
     QTest::addColumn<QByteArray>("data");
@@ -289,7 +291,7 @@ void TestDevice::recordsOfTheTextLogArePrinted_data()
     QTest::newRow("not UTF-8") << 1 << QByteArray("\xFF.") << QByteArray("14:03:27 045 [1] \xEF\xBF\xBD.\n");
 }
 
-void TestDevice::recordsOfTheTextLogArePrinted()
+void DeviceTest::recordsOfTheTextLogArePrinted()
 {
     QFETCH(int, type);
     QFETCH(QByteArray, data);
@@ -300,7 +302,7 @@ void TestDevice::recordsOfTheTextLogArePrinted()
     QCOMPARE(console.flushed(), printed);
 }
 
-void TestDevice::recordsOfOtherLogsAreNotPrinted()
+void DeviceTest::recordsOfOtherLogsAreNotPrinted()
 {
     const Capture console;
     for (int log = 0; log < 256; ++log) {
@@ -310,7 +312,7 @@ void TestDevice::recordsOfOtherLogsAreNotPrinted()
     QCOMPARE(console.written(), QByteArray());
 }
 
-void TestDevice::theToggleSwitchesTheLogOffAndOn()
+void DeviceTest::theToggleSwitchesTheLogOffAndOn()
 {
     _device->logEnable(1);
     _device->_log_monitor = true;
@@ -330,7 +332,7 @@ void TestDevice::theToggleSwitchesTheLogOffAndOn()
         QByteArrayList({"2a214c4f4701000000", "2a214c4f4700000000", "2a214c4f4700400000", "2a214c4f4700000000"}));
 }
 
-void TestDevice::theToggleGoesByTheMaskThatTheTerminalReported()
+void DeviceTest::theToggleGoesByTheMaskThatTheTerminalReported()
 {
     _device->logEnable(0);
     monitor({QStringLiteral("--mask-reply"), QStringLiteral("1")});
@@ -339,7 +341,7 @@ void TestDevice::theToggleGoesByTheMaskThatTheTerminalReported()
     QCOMPARE(_terminal->requests().constLast(), QByteArray("2a214c4f4700000000"));
 }
 
-void TestDevice::aToggleDoesNotDoubleTheMonitor()
+void DeviceTest::aToggleDoesNotDoubleTheMonitor()
 {
     _device->logEnable(0x4000);
     monitor();
@@ -352,7 +354,7 @@ void TestDevice::aToggleDoesNotDoubleTheMonitor()
     QCOMPARE(console.flushed(), QByteArray("14:03:27 045 [1] abc\n"));
 }
 
-void TestDevice::aToggleWithoutAnswerLeavesTheMaskAlone()
+void DeviceTest::aToggleWithoutAnswerLeavesTheMaskAlone()
 {
     _device->logEnable(0x4000); // in force as far as the controller knows
     QVERIFY(
@@ -368,7 +370,7 @@ void TestDevice::aToggleWithoutAnswerLeavesTheMaskAlone()
     QCOMPARE(_terminal->requests().mid(1), QByteArrayList({"2a214c4f4700000000", "2a214c4f4700000000"}));
 }
 
-void TestDevice::theInterruptHandlerTogglesFromTheEventLoop()
+void DeviceTest::theInterruptHandlerTogglesFromTheEventLoop()
 {
     _device->logEnable(0);
     QVERIFY(start({QStringLiteral("--silent"), QStringLiteral("V")}));
@@ -381,5 +383,5 @@ void TestDevice::theInterruptHandlerTogglesFromTheEventLoop()
     QCOMPARE(requestsWith("LOG"), 1);
 }
 
-QTEST_GUILESS_MAIN(TestDevice)
+QTEST_GUILESS_MAIN(DeviceTest)
 #include "tst_device.moc"

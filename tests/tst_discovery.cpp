@@ -1,7 +1,13 @@
+#include "console.h"
+#include "localfiles.h"
+#include "simulatedterminal.h"
 #include "testbed.h"
+#include "tool.h"
+
+#include <QTest>
 
 /// The tool looks for the terminal's port itself where none is named. The ports are faked, the terminal is simulated.
-class TestDiscovery : public QObject {
+class DiscoveryTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -35,11 +41,6 @@ constexpr FakedPort unknown{8, "1-8", "0000", "0000"};
 constexpr FakedPort no_usb{9, "soc", nullptr, nullptr};
 const Ports foreign_ports{other_product, other_vendor, swapped, unknown, no_usb};
 
-QStringList words(const char *line)
-{
-    return QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 /// What the tool prints where the user has to choose among the ports of these numbers.
 QByteArray choiceOf(const QList<int> &numbers)
 {
@@ -53,10 +54,9 @@ QByteArray choiceOf(const QList<int> &numbers)
 /// A local file of nine bytes.
 QString localFile(const Testbed &testbed)
 {
-    QFile file(testbed.path(QStringLiteral("local.bin")));
-    if (file.open(QIODevice::WriteOnly))
-        file.write("123456789");
-    return file.fileName();
+    const QString path = testbed.path(QStringLiteral("local.bin"));
+    files::store(path, "123456789");
+    return path;
 }
 
 void portsRow(const char *name, const Ports &ports)
@@ -68,7 +68,7 @@ const QByteArray log_mask_request = "2a214c4f4700400000";
 
 } // namespace
 
-void TestDiscovery::foreignPortsAreNoTerminals_data()
+void DiscoveryTest::foreignPortsAreNoTerminals_data()
 {
     QTest::addColumn<Ports>("ports");
     portsRow("no port at all", {});
@@ -81,16 +81,14 @@ void TestDiscovery::foreignPortsAreNoTerminals_data()
     portsRow("all of them", foreign_ports);
 }
 
-void TestDiscovery::foreignPortsAreNoTerminals()
+void DiscoveryTest::foreignPortsAreNoTerminals()
 {
     QFETCH(Ports, ports);
     const Run run = Testbed(ports).start().finish();
-    QCOMPARE(run.output, QByteArray("Serial port is not selected\n"));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(run, exits(256 - 103, QByteArray("Serial port is not selected\n")));
 }
 
-void TestDiscovery::theOnlyTerminalIsUsedUnasked_data()
+void DiscoveryTest::theOnlyTerminalIsUsedUnasked_data()
 {
     QTest::addColumn<Ports>("ports");
     portsRow("alone", {terminalPort(0, "1-1")});
@@ -100,20 +98,17 @@ void TestDiscovery::theOnlyTerminalIsUsedUnasked_data()
     portsRow("discovered last", foreign_ports + Ports{terminalPort(0, "1-9")});
 }
 
-void TestDiscovery::theOnlyTerminalIsUsedUnasked()
+void DiscoveryTest::theOnlyTerminalIsUsedUnasked()
 {
     QFETCH(Ports, ports);
     SimulatedTerminal terminal;
     Testbed testbed(ports);
     testbed.connect(0, terminal);
     const Run run = testbed.start().finish();
-    QCOMPARE(run.output, identificationOn(portName(0)));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(run, exits(0, console::identification(portName(0))));
 }
 
-void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs_data()
+void DiscoveryTest::severalTerminalsAreListedWhereNoWindowIs_data()
 {
     const Ports two{terminalPort(0, "1-1"), terminalPort(1, "1-2")};
     QTest::addColumn<Ports>("ports");
@@ -131,7 +126,7 @@ void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs_data()
                                        << QStringList{QStringLiteral("QT_QPA_PLATFORM=minimal")};
 }
 
-void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs()
+void DiscoveryTest::severalTerminalsAreListedWhereNoWindowIs()
 {
     QFETCH(Ports, ports);
     QFETCH(QList<int>, candidates);
@@ -140,13 +135,11 @@ void TestDiscovery::severalTerminalsAreListedWhereNoWindowIs()
     Testbed testbed(ports);
     testbed.connect(0, terminal);
     const Run run = testbed.start({}, environment).finish();
-    QCOMPARE(run.output, choiceOf(candidates));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(run, exits(256 - 103, choiceOf(candidates)));
     QCOMPARE(terminal.requests(), QByteArrayList());
 }
 
-void TestDiscovery::aNamedPortIsUsedUnasked_data()
+void DiscoveryTest::aNamedPortIsUsedUnasked_data()
 {
     QTest::addColumn<Ports>("ports");
     QTest::addColumn<QString>("option");
@@ -159,7 +152,7 @@ void TestDiscovery::aNamedPortIsUsedUnasked_data()
                                  << QStringLiteral("--port=%1");
 }
 
-void TestDiscovery::aNamedPortIsUsedUnasked()
+void DiscoveryTest::aNamedPortIsUsedUnasked()
 {
     QFETCH(Ports, ports);
     QFETCH(QString, option);
@@ -167,33 +160,28 @@ void TestDiscovery::aNamedPortIsUsedUnasked()
     Testbed testbed(ports);
     testbed.connect(1, terminal);
     const Run run = testbed.start({option.arg(portName(1))}).finish();
-    QCOMPARE(run.output, identificationOn(portName(1)));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(run, exits(0, console::identification(portName(1))));
 }
 
-void TestDiscovery::anEmptyNameStartsNoSearch_data()
+void DiscoveryTest::anEmptyNameStartsNoSearch_data()
 {
     QTest::addColumn<Ports>("ports");
     portsRow("one terminal", {terminalPort(0, "1-1")});
     portsRow("two terminals", {terminalPort(0, "1-1"), terminalPort(1, "1-2")});
 }
 
-void TestDiscovery::anEmptyNameStartsNoSearch()
+void DiscoveryTest::anEmptyNameStartsNoSearch()
 {
     QFETCH(Ports, ports);
     SimulatedTerminal terminal;
     Testbed testbed(ports);
     testbed.connect(0, terminal);
     const Run run = testbed.start({QStringLiteral("-p"), QString()}).finish();
-    QCOMPARE(run.output, QByteArray("Serial port is not selected\n"));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(run, exits(256 - 103, QByteArray("Serial port is not selected\n")));
     QCOMPARE(terminal.requests(), QByteArrayList());
 }
 
-void TestDiscovery::aWindowThatTheUserWantsIsWaitedFor()
+void DiscoveryTest::aWindowThatTheUserWantsIsWaitedFor()
 {
     const Testbed testbed({terminalPort(0, "1-1"), terminalPort(1, "1-2")});
     const Run run = testbed.start({}, {QStringLiteral("QT_QPA_PLATFORM=offscreen")}).finish(2s);
@@ -201,50 +189,50 @@ void TestDiscovery::aWindowThatTheUserWantsIsWaitedFor()
     QCOMPARE(run.code, -2); // what is on standard error is a remark of the framework on its own plugin
 }
 
-void TestDiscovery::withoutOptionsOnlyTheLogIsSwitchedOn()
+void DiscoveryTest::withoutOptionsOnlyTheLogIsSwitchedOn()
 {
     SimulatedTerminal terminal;
     Testbed testbed({terminalPort(0, "1-1")});
     testbed.connect(0, terminal);
-    QCOMPARE(testbed.start().finish().code, 0);
+    QCOMPARE(testbed.start().finish(), exits(0, console::identification(portName(0))));
     QCOMPARE(terminal.requests().mid(3), QByteArrayList{log_mask_request});
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestDiscovery::withoutAKindTheUserFirmwareIsMeant_data()
+void DiscoveryTest::withoutAKindTheUserFirmwareIsMeant_data()
 {
     QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QByteArray>("line");
-    QTest::newRow("-r") << words("-r") << QByteArrayLiteral("Reading file 'user-firmware' ...\n");
-    QTest::newRow("-w") << words("-w") << QByteArrayLiteral("Writing file '%1' to 'user-firmware' ...\n");
-    QTest::newRow("-w -a") << words("-w -a") << QByteArrayLiteral("Apply file 'user-firmware' ...\n");
+    QTest::addColumn<QByteArray>("printed"); // with %1 for the local file
+    const QByteArray written
+        = console::writing(QStringLiteral("%1"), "user-firmware") + console::progress(9) + console::written();
+    const QByteArray applied = console::applying("user-firmware") + console::completed() + console::waiting(portName(0))
+        + console::opened(portName(0));
+    QTest::newRow("-r") << words(
+        "-r") << console::reading("user-firmware") + console::progress(9) + console::saved(QStringLiteral("%1"));
+    QTest::newRow("-w") << words("-w") << written;
+    QTest::newRow("-w -a") << words("-w -a") << written + applied;
 }
 
-void TestDiscovery::withoutAKindTheUserFirmwareIsMeant()
+void DiscoveryTest::withoutAKindTheUserFirmwareIsMeant()
 {
     QFETCH(QStringList, options);
-    QFETCH(QByteArray, line);
-    SimulatedTerminal terminal;
+    QFETCH(QByteArray, printed);
+    FilingTerminal terminal;
+    files::store(terminal.own(QStringLiteral("user-firmware")), "the one..");
     Testbed testbed({terminalPort(0, "1-1")});
     testbed.connect(0, terminal);
     const QString local = localFile(testbed);
     const Run run = testbed.start(options + QStringList{local}).finish();
-    line.replace("%1", local.toLocal8Bit());
-    QVERIFY2(run.output.startsWith(identificationOn(portName(0))), run.output.constData());
-    QVERIFY2(run.output.contains('\n' + line), run.output.constData());
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(run, exits(0, console::identification(portName(0)) + printed.replace("%1", local.toLocal8Bit())));
 }
 
-void TestDiscovery::aTerminalThatRestartsComesBackToItsPort_data()
+void DiscoveryTest::aTerminalThatRestartsComesBackToItsPort_data()
 {
     QTest::addColumn<bool>("listed");
     QTest::newRow("listed all the time") << true;
     QTest::newRow("not listed meanwhile") << false;
 }
 
-void TestDiscovery::aTerminalThatRestartsComesBackToItsPort()
+void DiscoveryTest::aTerminalThatRestartsComesBackToItsPort()
 {
     QFETCH(bool, listed);
     SimulatedTerminal terminal({QStringLiteral("--restart"), QStringLiteral("2")});
@@ -260,16 +248,13 @@ void TestDiscovery::aTerminalThatRestartsComesBackToItsPort()
     if (!listed)
         testbed.restore(0);
     const Run run = tool.finish();
-    const QByteArray port = portName(0).toLatin1();
-    QCOMPARE(run.output,
-        identificationOn(portName(0)) + "Writing file '" + local.toLocal8Bit()
-            + "' to 'settings' ...\n\r100% completed (9/9)\n\nApply file 'settings' ...\nCompleted\n\n"
-            + "Serial port closed: " + port + "\nWaiting device ...\n\rSerial port open: " + port + "\n\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run,
+        exits(0,
+            console::identification(portName(0)) + console::writing(local, "settings") + console::progress(9)
+                + console::written() + console::applying("settings") + console::completed()
+                + console::waiting(portName(0)) + console::opened(portName(0))));
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestDiscovery)
+QTEST_GUILESS_MAIN(DiscoveryTest)
 #include "tst_discovery.moc"

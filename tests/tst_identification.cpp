@@ -1,17 +1,23 @@
-#include "harness.h"
+#include "console.h"
+#include "packets.h"
+#include "plainterminal.h"
+#include "simulatedterminal.h"
+#include "tool.h"
 
-#include <QRegularExpression>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
 
 /// The tool identifies a terminal and exits; both are processes of their own, on either end of a pseudo-terminal.
-class TestIdentification : public QObject {
+class IdentificationTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
     void aRunPrintsTheIdentificationSetsTheMaskAndExits();
     void theMaskOfTheUserIsSet_data();
     void theMaskOfTheUserIsSet();
-    void oddAnswers_data();
-    void oddAnswers();
+    void everyAnswerIsTakenAsFarAsItIsUnderstood_data();
+    void everyAnswerIsTakenAsFarAsItIsUnderstood();
     void aSilentTerminalTimesOut_data();
     void aSilentTerminalTimesOut();
     void aVanishingTerminalIsAPortError_data();
@@ -23,13 +29,11 @@ private Q_SLOTS:
     void aRequestAnsweredBeforehandIsSentAllTheSame();
 };
 
-void TestIdentification::aRunPrintsTheIdentificationSetsTheMaskAndExits()
+void IdentificationTest::aRunPrintsTheIdentificationSetsTheMaskAndExits()
 {
     SimulatedTerminal terminal;
-    const Run run = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    QCOMPARE(run.output, identificationOn(terminal));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(runOn(terminal.port()), exits(0, console::identification(terminal.port())));
+    terminal.unplug();
     // "*?V", "*?H", "*?S", "*!LOG" 0x4000: packets by hand, checksums XORed by a Python one-liner.
     const QByteArrayList expected{
         "# link up",
@@ -40,11 +44,10 @@ void TestIdentification::aRunPrintsTheIdentificationSetsTheMaskAndExits()
         "404a5658000000000100000009000f03"
         "2a214c4f4700400000",
     };
-    QCOMPARE(terminal.finish(), QByteArray());
     QCOMPARE(terminal.record().mid(0, 5), expected);
 }
 
-void TestIdentification::theMaskOfTheUserIsSet_data()
+void IdentificationTest::theMaskOfTheUserIsSet_data()
 {
     QTest::addColumn<QString>("mask");
     QTest::addColumn<QByteArray>("request");
@@ -57,198 +60,164 @@ void TestIdentification::theMaskOfTheUserIsSet_data()
     QTest::newRow("-80000000") << QStringLiteral("-80000000") << QByteArray("2a214c4f4700000080");
 }
 
-void TestIdentification::theMaskOfTheUserIsSet()
+void IdentificationTest::theMaskOfTheUserIsSet()
 {
     QFETCH(QString, mask);
     QFETCH(QByteArray, request);
     SimulatedTerminal terminal;
-    const Run run = Tool({QStringLiteral("-p"), terminal.port(), QStringLiteral("-l"), mask}).finish();
-    QCOMPARE(run.output, identificationOn(terminal));
-    QCOMPARE(run.code, 0);
+    const Run run = Tool(argumentsOn(terminal.port(), "-l") + QStringList{mask}).finish();
+    QCOMPARE(run, exits(0, console::identification(terminal.port())));
     QCOMPARE(terminal.requests().value(3), request);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestIdentification::oddAnswers_data()
+void IdentificationTest::everyAnswerIsTakenAsFarAsItIsUnderstood_data()
 {
-    QTest::addColumn<QString>("answer");
+    QTest::addColumn<QByteArray>("key");
+    QTest::addColumn<QByteArray>("payload");
     QTest::addColumn<QByteArray>("output");
     QTest::addColumn<int>("code");
 
-    const auto hex = [](const char *key, const QByteArray &payload) {
-        return QString::fromLatin1(key) + QLatin1Char('=') + QString::fromLatin1(payload.toHex());
-    };
     const QByteArray front = "\nDevice: JVX terminal\nVersion: 1.4.2\nDate: 2026-03-01\nLanguage: en\n";
     const QByteArray bhr = "BHR: 0x10a2b3c4d5\n";
+    const QByteArray imei = "IMEI: 350000000000017\n\n";
     const QByteArray not_understood = "Error: Unknown response(-2)\n";
+    const auto understood = [](const char *name, const char *key, const QByteArray &payload, const QByteArray &output) {
+        QTest::newRow(name) << QByteArray(key) << payload << output << 0;
+    };
+    const auto refused = [](const char *name, const char *key, const QByteArray &payload, const QByteArray &output) {
+        QTest::newRow(name) << QByteArray(key) << payload << output << 254;
+    };
 
-    QTest::newRow("software without colon") << hex("V", "ABC") << not_understood << 254;
-    QTest::newRow("software empty") << hex("V", "") << not_understood << 254;
-    QTest::newRow("software name only") << hex(
-        "V", ":ABC") << QByteArray("\nDevice: ABC\nVersion: \nDate: \nLanguage: \n" + bhr + "IMEI: 350000000000017\n\n")
-                                        << 0;
-    QTest::newRow("software five fields")
-        << hex("V", ":A:B:C:D:E")
-        << QByteArray("\nDevice: A\nVersion: B\nDate: C\nLanguage: D\n" + bhr + "IMEI: 350000000000017\n\n") << 0;
-    QTest::newRow("software with placeholders and non-ASCII text")
-        << hex("V", ":%1 \xC3\xA9:%2:%n:%L1")
-        << QByteArray(
-               "\nDevice: %1 \xC3\xA9\nVersion: %2\nDate: %n\nLanguage: %L1\n" + bhr + "IMEI: 350000000000017\n\n")
-        << 0;
-    QTest::newRow("hardware without colon") << hex("H", "BHR:12345678") << QByteArray(front + not_understood) << 254;
-    QTest::newRow("hardware 255") << hex("H", QByteArray::fromHex("3a4248523aff00000000000000"))
-                                  << QByteArray(front + "BHR: 0xff\nIMEI: 350000000000017\n\n") << 0;
-    QTest::newRow("hardware 0") << hex("H", QByteArray::fromHex("3a4248523a0000000000000000"))
-                                << QByteArray(front + "BHR: 0x0\nIMEI: 350000000000017\n\n") << 0;
-    QTest::newRow("hardware largest") << hex("H", QByteArray::fromHex("3a4248523affffffffffffffff"))
-                                      << QByteArray(front + "BHR: 0xffffffffffffffff\nIMEI: 350000000000017\n\n") << 0;
-    QTest::newRow("hardware cut") << hex("H", QByteArray::fromHex("3a4248523aff000000000000"))
-                                  << QByteArray(front + "BHR: 0x0\nIMEI: 350000000000017\n\n") << 0;
-    QTest::newRow("serial without colon") << hex("S", "1") << QByteArray(front + bhr + not_understood) << 254;
-    QTest::newRow("serial empty text") << hex("S", ":") << QByteArray(front + bhr + "IMEI: \n\n") << 0;
-    QTest::newRow("mask of three bytes") << hex("LOG", "123")
-                                         << QByteArray(front + bhr + "IMEI: 350000000000017\n\n" + not_understood)
-                                         << 254;
-    QTest::newRow("mask of five bytes") << hex("LOG", "12345") << QByteArray(front + bhr + "IMEI: 350000000000017\n\n")
-                                        << 0;
+    refused("software without colon", "V", "ABC", not_understood);
+    refused("software empty", "V", "", not_understood);
+    understood("software name only", "V", ":ABC", "\nDevice: ABC\nVersion: \nDate: \nLanguage: \n" + bhr + imei);
+    understood(
+        "software five fields", "V", ":A:B:C:D:E", "\nDevice: A\nVersion: B\nDate: C\nLanguage: D\n" + bhr + imei);
+    understood("software with placeholders and non-ASCII text", "V", ":%1 \xC3\xA9:%2:%n:%L1",
+        "\nDevice: %1 \xC3\xA9\nVersion: %2\nDate: %n\nLanguage: %L1\n" + bhr + imei);
+    refused("hardware without colon", "H", "BHR:12345678", front + not_understood);
+    understood("hardware 255", "H", QByteArray::fromHex("3a4248523aff00000000000000"), front + "BHR: 0xff\n" + imei);
+    understood("hardware 0", "H", QByteArray::fromHex("3a4248523a0000000000000000"), front + "BHR: 0x0\n" + imei);
+    understood("hardware largest", "H", QByteArray::fromHex("3a4248523affffffffffffffff"),
+        front + "BHR: 0xffffffffffffffff\n" + imei);
+    understood("hardware cut", "H", QByteArray::fromHex("3a4248523aff000000000000"), front + "BHR: 0x0\n" + imei);
+    refused("serial without colon", "S", "1", front + bhr + not_understood);
+    understood("serial empty text", "S", ":", front + bhr + "IMEI: \n\n");
+    refused("mask of three bytes", "LOG", "123", front + bhr + imei + not_understood);
+    understood("mask of five bytes", "LOG", "12345", front + bhr + imei);
 }
 
 /// The beginning of the request with this key, in hexadecimal.
-static QByteArray requestOf(const QString &key)
+static QByteArray requestOf(const QByteArray &key)
 {
-    return (key == QLatin1String("LOG") ? "*!" : "*?" + key.toLatin1()).toHex();
+    return ((key == "LOG" ? "*!" : "*?") + key).toHex();
 }
 
-void TestIdentification::oddAnswers()
+void IdentificationTest::everyAnswerIsTakenAsFarAsItIsUnderstood()
 {
-    QFETCH(QString, answer);
+    QFETCH(QByteArray, key);
+    QFETCH(QByteArray, payload);
     QFETCH(QByteArray, output);
     QFETCH(int, code);
-    SimulatedTerminal terminal({QStringLiteral("--answer"), answer});
-    const Run run = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    QCOMPARE(run.output, checkingOn(terminal) + output);
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, code);
-    if (code != 0) // nothing is asked after the answer that was not understood
-        QVERIFY(terminal.requests().constLast().startsWith(requestOf(answer.section(QLatin1Char('='), 0, 0))));
-    QCOMPARE(terminal.finish(), QByteArray());
+    SimulatedTerminal terminal({QStringLiteral("--answer"), QString::fromLatin1(key + '=' + payload.toHex())});
+    QCOMPARE(runOn(terminal.port()), exits(code, console::checking(terminal.port()) + output));
+    // Nothing is asked after the answer that was not understood.
+    QVERIFY(terminal.requests().constLast().startsWith(requestOf(code == 0 ? "LOG" : key)));
 }
 
 static void addRequestRows()
 {
     QTest::addColumn<QString>("key");
     QTest::addColumn<int>("requests");
-    QTest::addColumn<QByteArray>("printed");
-    const QByteArray software = "\nDevice: JVX terminal\nVersion: 1.4.2\nDate: 2026-03-01\nLanguage: en\n";
-    const QByteArray hardware = software + "BHR: 0x10a2b3c4d5\n";
-    const QByteArray serial = hardware + "IMEI: 350000000000017\n\n";
-    QTest::newRow("software version") << QStringLiteral("V") << 1 << QByteArray();
-    QTest::newRow("hardware version") << QStringLiteral("H") << 2 << software;
-    QTest::newRow("serial number") << QStringLiteral("S") << 3 << hardware;
-    QTest::newRow("log mask") << QStringLiteral("LOG") << 4 << serial;
+    QTest::newRow("software version") << QStringLiteral("V") << 1;
+    QTest::newRow("hardware version") << QStringLiteral("H") << 2;
+    QTest::newRow("serial number") << QStringLiteral("S") << 3;
+    QTest::newRow("log mask") << QStringLiteral("LOG") << 4;
 }
 
-void TestIdentification::aSilentTerminalTimesOut_data()
+void IdentificationTest::aSilentTerminalTimesOut_data()
 {
     addRequestRows();
 }
 
-void TestIdentification::aSilentTerminalTimesOut()
+void IdentificationTest::aSilentTerminalTimesOut()
 {
     QFETCH(QString, key);
     QFETCH(int, requests);
-    QFETCH(QByteArray, printed);
     SimulatedTerminal terminal({QStringLiteral("--silent"), key});
-    const Run run = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    QCOMPARE(run.output, checkingOn(terminal) + printed + "Error: Timeout(-1)\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 255);
+    const Run run = runOn(terminal.port());
+    const QByteArray printed = console::identificationParts(terminal.port()).first(requests).join();
+    QCOMPARE(run, exits(255, printed + "Error: Timeout(-1)\n"));
     QVERIFY2(run.milliseconds >= 500, QByteArray::number(run.milliseconds).constData());
     QCOMPARE(terminal.requests().size(), requests); // nothing is asked twice, and nothing after it
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestIdentification::aVanishingTerminalIsAPortError_data()
+void IdentificationTest::aVanishingTerminalIsAPortError_data()
 {
     addRequestRows();
 }
 
-void TestIdentification::aVanishingTerminalIsAPortError()
+void IdentificationTest::aVanishingTerminalIsAPortError()
 {
     QFETCH(QString, key);
     QFETCH(int, requests);
-    QFETCH(QByteArray, printed);
     SimulatedTerminal terminal({QStringLiteral("--vanish"), key, QStringLiteral("--no-return")});
-    const Run run = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    // One error line, whose text is the system's.
-    const QByteArray front = checkingOn(terminal) + printed;
-    QCOMPARE(run.output.first(std::min(front.size(), run.output.size())), front);
-    const QString rest = QString::fromLocal8Bit(run.output.sliced(front.size()));
-    QVERIFY2(QRegularExpression(QStringLiteral("^Error: [^\n]+\n$")).match(rest).hasMatch(), qPrintable(rest));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 110);
+    const QByteArray printed = console::identificationParts(terminal.port()).first(requests).join();
+    QCOMPARE(withoutReason(runOn(terminal.port())), exits(256 - 110, printed + "Error: ...\n"));
     QCOMPARE(terminal.requests().size(), requests);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestIdentification::aPortInUseIsNotOpened()
+void IdentificationTest::aPortInUseIsNotOpened()
 {
-    SimulatedTerminal terminal({QStringLiteral("--silent"), QStringLiteral("V")});
-    Tool first({QStringLiteral("-p"), terminal.port()});
-    QVERIFY(first.waitForOutput("Checking"));
-    const Run second = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    QCOMPARE(second.output,
-        "Failed to open serial port " + terminal.port().toLocal8Bit()
-            + ": Permission error while locking the device\n");
-    QCOMPARE(second.code, 256 - 105);
-    QCOMPARE(first.finish().code, 255);
+    SimulatedTerminal terminal;
+    Tool first(argumentsOn(terminal.port(), "-m"));
+    QVERIFY(first.waitForOutput("IMEI"));
+    QCOMPARE(runOn(terminal.port()),
+        exits(256 - 105,
+            "Failed to open serial port " + terminal.port().toLocal8Bit()
+                + ": Permission error while locking the device\n"));
+    QCOMPARE(first.stop(), exits(ended_by_signal, console::identification(terminal.port())));
 }
 
-void TestIdentification::aDirectoryIsNotOpened()
+void IdentificationTest::aDirectoryIsNotOpened()
 {
     const QTemporaryDir directory;
-    const Run run = Tool({QStringLiteral("-p"), directory.path()}).finish();
-    QVERIFY(run.output.startsWith("Failed to open serial port " + directory.path().toLocal8Bit() + ": "));
-    QCOMPARE(run.output.count('\n'), 1);
-    QCOMPARE(run.code, 256 - 105);
+    const Run run = runOn(directory.path());
+    const QByteArray front = "Failed to open serial port " + directory.path().toLocal8Bit() + ": ";
+    QVERIFY2(run.output.startsWith(front), run.output.constData());
+    const QByteArray reason = run.output.sliced(front.size()); // in the words of the system
+    QVERIFY(reason.size() > 1);
+    QCOMPARE(reason.indexOf('\n'), reason.size() - 1);
+    QCOMPARE(run, exits(256 - 105, front + reason));
 }
 
-void TestIdentification::aPortNameWithAPlaceholderComesOutUnchanged()
+void IdentificationTest::aPortNameWithAPlaceholderComesOutUnchanged()
 {
     SimulatedTerminal terminal;
     const QString odd = terminal.path(QStringLiteral("%1 and %2 \u00E9"));
     QVERIFY(QFile::link(QFileInfo(terminal.port()).symLinkTarget(), odd));
-    const Run run = Tool({QStringLiteral("-p"), odd}).finish();
-    QVERIFY2(run.output.startsWith("\rSerial port open: " + odd.toLocal8Bit() + "\n\n"), run.output.constData());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(runOn(odd), exits(0, console::identification(odd)));
 }
 
-void TestIdentification::applyWithoutWriteIsDropped()
+void IdentificationTest::applyWithoutWriteIsDropped()
 {
     SimulatedTerminal terminal;
-    const Run run = Tool(
-        {QStringLiteral("-a"), QStringLiteral("-f"), QStringLiteral("settings"), QStringLiteral("-p"), terminal.port()})
-                        .finish();
-    QCOMPARE(run.output, identificationOn(terminal));
-    QCOMPARE(run.code, 0);
+    QCOMPARE(runOn(terminal.port(), "-a -f settings"), exits(0, console::identification(terminal.port())));
     QCOMPARE(terminal.requests().size(), 4);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestIdentification::aRequestAnsweredBeforehandIsSentAllTheSame()
+void IdentificationTest::aRequestAnsweredBeforehandIsSentAllTheSame()
 {
     PlainTerminal terminal;
-    Tool tool({QStringLiteral("-p"), terminal.port()});
+    Tool tool(argumentsOn(terminal.port()));
     QCOMPARE(terminal.request(), QByteArray("*?V"));
     terminal.send(
         packets::software_answer + packets::hardware_answer + packets::serial_number_answer + packets::mask_answer);
-    const Run run = tool.finish();
-    QCOMPARE(run.output, plainIdentification(terminal).join());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(tool.finish(), exits(0, console::plainIdentificationParts(terminal.port()).join()));
     QCOMPARE(terminal.request(), QByteArray("*?H"));
     QCOMPARE(terminal.request(), QByteArray("*?S"));
     QCOMPARE(terminal.request(), QByteArray("*!LOG\0\x40\0\0", 9));
 }
 
-QTEST_GUILESS_MAIN(TestIdentification)
+QTEST_GUILESS_MAIN(IdentificationTest)
 #include "tst_identification.moc"

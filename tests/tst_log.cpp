@@ -1,16 +1,20 @@
-#include "harness.h"
+#include "console.h"
+#include "localfiles.h"
 #include "packets.h"
+#include "plainterminal.h"
+#include "sanitizers.h"
+#include "simulatedterminal.h"
+#include "tool.h"
+
+#include <QFile>
+#include <QTest>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
 
 /// The tool prints the log of a terminal; both are processes of their own, or the terminal is this one.
-class TestLog : public QObject {
+class LogTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -54,113 +58,24 @@ private Q_SLOTS:
 
 namespace {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define JVX_UNDER_SANITIZERS
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define JVX_UNDER_SANITIZERS
-#endif
-
-#ifdef JVX_UNDER_SANITIZERS
-constexpr bool is_memory_telling = false; // what is freed stays in quarantine
-constexpr auto flood_limit = 180s;
-#else
-constexpr bool is_memory_telling = true;
-constexpr auto flood_limit = 60s;
-#endif
+constexpr auto flood_limit = is_sanitized ? 180s : 60s;
 
 // POSIX zones, which need no zone files.
 const QString utc = QStringLiteral("TZ=UTC0");
 
-/// A terminal that says what the test wants, packet for packet: the other end of a pseudo-terminal.
-class ScriptedTerminal {
-public:
-    ScriptedTerminal()
-        : _master(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
-    {
-        if (::grantpt(_master) != 0 || ::unlockpt(_master) != 0)
-            qWarning("no pseudo-terminal");
-        _path = ::ptsname(_master);
-        _slave = ::open(_path.constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios attributes{};
-        ::tcgetattr(_slave, &attributes);
-        ::cfmakeraw(&attributes);
-        ::tcsetattr(_slave, TCSANOW, &attributes);
-    }
+QByteArray identification(const PlainTerminal &terminal)
+{
+    return console::plainIdentificationParts(terminal.port()).join();
+}
 
-    ~ScriptedTerminal()
-    {
-        ::close(_slave);
-        ::close(_master);
-    }
-
-    ScriptedTerminal(const ScriptedTerminal &) = delete;
-    ScriptedTerminal &operator=(const ScriptedTerminal &) = delete;
-
-    QString port() const { return QString::fromLatin1(_path); }
-
-    /// Answers the requests of a run without files. Returns whether they came.
-    bool answerRequests(const QByteArray &mask_answer = packets::mask_answer) const
-    {
-        constexpr qsizetype ask = 16 + 3;
-        constexpr qsizetype set_mask = 16 + 9;
-        return answer(ask, packets::software_answer) && answer(ask, packets::hardware_answer)
-            && answer(ask, packets::serial_number_answer) && answer(set_mask, mask_answer);
-    }
-
-    /// Returns whether the line took \a bytes within 10 s.
-    bool send(QByteArray bytes) const
-    {
-        while (!bytes.isEmpty() && waitFor(POLLOUT)) {
-            const auto count = ::write(_master, bytes.constData(), static_cast<size_t>(bytes.size()));
-            if (count > 0)
-                bytes.remove(0, count);
-        }
-        return bytes.isEmpty();
-    }
-
-    /// What the tool prints before it turns to the log.
-    QByteArray identification() const
-    {
-        return "\rSerial port open: " + QByteArray(_path).replace("/dev/", "")
-            + "\n\n"
-              "Checking device ...\n"
-              "\n"
-              "Device: JVX\n"
-              "Version: 1.2\n"
-              "Date: 2024-05-06\n"
-              "Language: en\n"
-              "BHR: 0x102030405060708\n"
-              "IMEI: 350000000000017\n"
-              "\n";
-    }
-
-private:
-    bool answer(qsizetype request_size, const QByteArray &answer) const
-    {
-        QByteArray request;
-        while (request.size() < request_size && waitFor(POLLIN)) {
-            std::array<char, 64> buffer{};
-            const auto count = ::read(_master, buffer.data(), buffer.size());
-            if (count <= 0)
-                return false;
-            request.append(buffer.data(), count);
-        }
-        return request.size() == request_size && send(answer);
-    }
-
-    bool waitFor(short event) const
-    {
-        pollfd request{_master, event, 0};
-        return ::poll(&request, 1, 10'000) > 0;
-    }
-
-    const int _master;
-    int _slave = -1;
-    QByteArray _path;
-};
+/// Answers the requests of a run without files, the last one with \a mask_answer.
+void answerRequests(PlainTerminal &terminal, const QByteArray &mask_answer = packets::mask_answer)
+{
+    for (int i = 0; i < 3; ++i)
+        terminal.send(terminal.answerTo(terminal.request()));
+    QVERIFY(terminal.request().startsWith("*!LOG"));
+    terminal.send(mask_answer);
+}
 
 QByteArray recordOf(int log, quint32 seconds, int milliseconds, int type, const QByteArray &data)
 {
@@ -182,30 +97,31 @@ QByteArray textLine(const QByteArray &data)
 
 QStringList monitorOn(const QString &port)
 {
-    return {QStringLiteral("-p"), port, QStringLiteral("-m")};
+    return argumentsOn(port, "-m");
 }
 
-/// Ends a tool that would print the log for ever.
-Run stop(Tool &tool)
+/// A monitor that printed nothing but \a output, and would have gone on for ever.
+Run runsUntilStopped(const QByteArray &output)
 {
-    tool.process().terminate();
-    return tool.finish();
+    return exits(ended_by_signal, output);
 }
 
 constexpr qsizetype time_size = 12; // hh:mm:ss zzz
 
-/// What the tool prints of \a packets, sent when it monitors the log.
+/// What the tool prints of \a packets, sent when it monitors the log; all that went wrong, if it is not.
 QByteArray printed(const QByteArray &packets, const QString &zone = utc)
 {
-    const ScriptedTerminal terminal;
+    PlainTerminal terminal;
     Tool tool(monitorOn(terminal.port()), {zone});
-    const bool sent = terminal.answerRequests() && terminal.send(packets + text("That is all.\n"));
-    const bool is_complete = sent && tool.waitForOutput("That is all.\n");
-    const Run run = stop(tool);
-    if (!is_complete || !run.output.startsWith(terminal.identification()) || !run.errors.isEmpty())
+    answerRequests(terminal);
+    terminal.send(packets + text("That is all.\n"));
+    tool.waitForOutput("That is all.\n");
+    const Run run = tool.stop();
+    const qsizetype end = run.output.lastIndexOf(" [1] That is all.\n") - time_size;
+    const qsizetype begin = identification(terminal).size();
+    if (end < begin || run != runsUntilStopped(identification(terminal) + run.output.sliced(begin)))
         return "not as expected: " + run.output + run.errors;
-    const QByteArray lines = run.output.sliced(terminal.identification().size());
-    return lines.left(lines.lastIndexOf(" [1] That is all.\n") - time_size);
+    return run.output.sliced(begin, end - begin);
 }
 
 // Midnight in UTC: the tool prints a record's number of milliseconds.
@@ -268,44 +184,21 @@ qint64 peakMemory(qint64 process)
     return -1;
 }
 
-QStringList words(const char *text)
-{
-    return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
-/// A file of the test with \a content. Returns its path.
-QString fileWith(const SimulatedTerminal &terminal, const QString &name, const QByteArray &content)
-{
-    QFile file(terminal.path(name));
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qWarning("cannot write %s", qPrintable(file.fileName()));
-    return file.fileName();
-}
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("(no file)");
-}
-
-/// The output of a run on an unplugged terminal: records behind \a front, one line for the error, nothing more.
+/// The records of a \a run on a terminal that was unplugged, which come behind \a front; then one line for the error,
+/// and nothing more.
 void compareUnplugged(const Run &run, const QByteArray &front)
 {
-    QVERIFY2(run.output.startsWith(front), run.output.constData());
-    QCOMPARE(run.output.count("Error: "), 1);
-    const qsizetype error = run.output.indexOf("Error: ");
-    QCOMPARE(run.output[error - 1], '\n');
-    QVERIFY2(!run.output.endsWith("Error: \n"), "no reason");
-    QCOMPARE(run.output.indexOf('\n', error), run.output.size() - 1);
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 110);
+    const QByteArray records = run.output.mid(front.size(), run.output.lastIndexOf("Error: ") - front.size());
+    QVERIFY2(records.isEmpty() || records.endsWith('\n'), run.output.constData());
+    QVERIFY(!records.contains("Error: "));
+    QCOMPARE(withoutReason(run), exits(256 - 110, front + records + "Error: ...\n"));
 }
 
 } // namespace
 
 // ---- what is printed ----------------------------------------------------------------------------------------------
 
-void TestLog::aRecordIsPrintedWithItsLocalTime_data()
+void LogTest::aRecordIsPrintedWithItsLocalTime_data()
 {
     QTest::addColumn<QString>("zone");
     QTest::addColumn<quint32>("seconds");
@@ -336,7 +229,7 @@ void TestLog::aRecordIsPrintedWithItsLocalTime_data()
     row("behind the last second", utc, 4294967295U, 1000, "06:28:16 000");
 }
 
-void TestLog::aRecordIsPrintedWithItsLocalTime()
+void LogTest::aRecordIsPrintedWithItsLocalTime()
 {
     QFETCH(QString, zone);
     QFETCH(quint32, seconds);
@@ -345,7 +238,7 @@ void TestLog::aRecordIsPrintedWithItsLocalTime()
     QCOMPARE(printed(recordOf(14, seconds, milliseconds, 3, "abc"), zone), time + " [3] abc\n");
 }
 
-void TestLog::aRecordsTextIsPrintedAsOneMessage_data()
+void LogTest::aRecordsTextIsPrintedAsOneMessage_data()
 {
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<QByteArray>("message");
@@ -369,32 +262,32 @@ void TestLog::aRecordsTextIsPrintedAsOneMessage_data()
     row("the longest", QByteArray(65535 - 13, 'x'), QByteArray(65535 - 13, 'x') + "\n");
 }
 
-void TestLog::aRecordsTextIsPrintedAsOneMessage()
+void LogTest::aRecordsTextIsPrintedAsOneMessage()
 {
     QFETCH(QByteArray, data);
     QFETCH(QByteArray, message);
     QCOMPARE(printed(text(data)), "00:00:01 000 [1] " + message);
 }
 
-void TestLog::theTypeIsPrintedAsANumber_data()
+void LogTest::theTypeIsPrintedAsANumber_data()
 {
     QTest::addColumn<int>("type");
     for (const int type : {0, 9, 10, 127, 128, 255})
         QTest::addRow("%d", type) << type;
 }
 
-void TestLog::theTypeIsPrintedAsANumber()
+void LogTest::theTypeIsPrintedAsANumber()
 {
     QFETCH(int, type);
     QCOMPARE(printed(recordOf(14, 1, 0, type, "abc")), "00:00:01 000 [" + QByteArray::number(type) + "] abc\n");
 }
 
-void TestLog::everyRecordOfTheTextLogIsPrinted()
+void LogTest::everyRecordOfTheTextLogIsPrinted()
 {
     // The mask enables the logs 3 and 5 too; their records take the times 002 and 005.
     SimulatedTerminal terminal(words("--log-rate 1000 --log-count 20") + from_midnight);
     Tool tool(monitorOn(terminal.port()) + words("-l 4028"), {utc});
-    const QByteArray expected = identificationOn(terminal)
+    const QByteArray expected = console::identification(terminal.port())
         + "00:00:00 000 [1] #0 ignition on\r\n"
           "00:00:00 001 [2] #1 supply voltage 12.6 V\n"
           "00:00:00 003 [0] #2 outside 21 \u00B0C, Gr\u00F6\u00DFe \u20AC 5\n"
@@ -414,33 +307,27 @@ void TestLog::everyRecordOfTheTextLogIsPrinted()
           "m\r\n";
     QVERIFY(tool.waitForOutput("#15 position"));
     QTest::qSleep(50);
-    const Run run = stop(tool);
-    QCOMPARE(run.output, expected);
-    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(tool.stop(), runsUntilStopped(expected));
     QCOMPARE(terminal.requests().constLast(), QByteArray("2a214c4f4728400000"));
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::linesOfTheTerminalsOwnArePrinted()
+void LogTest::linesOfTheTerminalsOwnArePrinted()
 {
     const QTemporaryDir directory;
-    QFile texts(directory.filePath(QStringLiteral("texts")));
-    QVERIFY(texts.open(QIODevice::WriteOnly));
-    texts.write("first\n\nTemperatur 21 \u00B0C\nlast\n");
-    texts.close();
-    SimulatedTerminal terminal(words("--log-rate 4 --log") + QStringList{texts.fileName()} + from_midnight);
+    const QString texts = directory.filePath(QStringLiteral("texts"));
+    files::store(texts, "first\n\nTemperatur 21 \u00B0C\nlast\n");
+    SimulatedTerminal terminal(words("--log-rate 4 --log") + QStringList{texts} + from_midnight);
     Tool tool(monitorOn(terminal.port()), {QStringLiteral("TZ=<+0545>-5:45")});
     QVERIFY(tool.waitForOutput("last\n"));
-    QCOMPARE(stop(tool).output,
-        identificationOn(terminal)
+    QCOMPARE(tool.stop(),
+        runsUntilStopped(console::identification(terminal.port())
             + "05:45:00 000 [1] first\n"
               "05:45:00 250 [1] \n"
               "05:45:00 500 [1] Temperatur 21 \u00B0C\n"
-              "05:45:00 750 [1] last\n");
-    QCOMPARE(terminal.finish(), QByteArray());
+              "05:45:00 750 [1] last\n"));
 }
 
-void TestLog::recordsOfOtherLogsAreNotPrinted()
+void LogTest::recordsOfOtherLogsAreNotPrinted()
 {
     QByteArray records;
     for (int log = 0; log < 256; ++log)
@@ -448,7 +335,7 @@ void TestLog::recordsOfOtherLogsAreNotPrinted()
     QCOMPARE(printed(records), textLine("of log 14"));
 }
 
-void TestLog::otherMessagesAreNotPrinted_data()
+void LogTest::otherMessagesAreNotPrinted_data()
 {
     QTest::addColumn<QByteArray>("packet");
     const QByteArray record = packets::logBody("text");
@@ -470,92 +357,82 @@ void TestLog::otherMessagesAreNotPrinted_data()
     QTest::newRow("a wrong header checksum") << packets::withWrongHeaderSum(packets::packet(record));
 }
 
-void TestLog::otherMessagesAreNotPrinted()
+void LogTest::otherMessagesAreNotPrinted()
 {
     QFETCH(QByteArray, packet);
     QCOMPARE(printed(text("before") + packet + text("behind")), textLine("before") + textLine("behind"));
 }
 
-void TestLog::aPipeSeesEachRecordAtOnce()
+void LogTest::aPipeSeesEachRecordAtOnce()
 {
-    const ScriptedTerminal terminal;
+    PlainTerminal terminal;
     Tool tool(monitorOn(terminal.port()), {utc});
-    QVERIFY(terminal.answerRequests());
-    QByteArray expected = terminal.identification();
+    answerRequests(terminal);
+    QByteArray expected = identification(terminal);
     // Nothing follows a record until the whole of it has come out.
     for (const char *data : {"1", "2\n", "", "4 \u20AC", "\n", "6\r\n"}) {
-        QVERIFY(terminal.send(text(data)));
+        terminal.send(text(data));
         expected += QByteArray(data).endsWith('\n') ? textLine(data).chopped(1) : textLine(data);
         QVERIFY2(tool.waitForOutput(expected), data);
     }
-    QCOMPARE(stop(tool).output, expected);
+    QCOMPARE(tool.stop(), runsUntilStopped(expected));
 }
 
 // ---- when it is printed -------------------------------------------------------------------------------------------
 
-void TestLog::theMonitorFollowsEveryJob_data()
+void LogTest::theMonitorFollowsEveryJob_data()
 {
     QTest::addColumn<QStringList>("job");
     QTest::addColumn<QByteArray>("message");
     QTest::newRow("identification") << QStringList() << QByteArray();
     QTest::newRow("read") << words("-f settings -r")
-                          << QByteArray("Reading file 'settings' ...\n\r100% completed (3/3)\n\n"
-                                        "File saved to '%local'\n");
+                          << console::reading("settings") + console::progress(3)
+            + console::saved(QStringLiteral("%local"));
     QTest::newRow("write") << words("-f settings -w")
-                           << QByteArray("Writing file '%local' to 'settings' ...\n\r100% completed (3/3)\n\n");
+                           << console::writing(QStringLiteral("%local"), "settings") + console::progress(3)
+            + console::written();
 }
 
-void TestLog::theMonitorFollowsEveryJob()
+void LogTest::theMonitorFollowsEveryJob()
 {
     QFETCH(QStringList, job);
     QFETCH(QByteArray, message);
-    const QTemporaryDir files;
-    SimulatedTerminal terminal(
-        words("--log-rate 1000 --log-count 40 --files") + QStringList{files.path()} + from_midnight);
-    const QString local = fileWith(terminal, QStringLiteral("local.bin"), "new");
-    QVERIFY(QFile::copy(local, files.filePath(QStringLiteral("settings"))));
+    FilingTerminal terminal(words("--log-rate 1000 --log-count 40") + from_midnight);
+    const QString local = terminal.path(QStringLiteral("local.bin"));
+    files::store(local, "new");
+    files::store(terminal.own(QStringLiteral("settings")), "old");
     if (!job.isEmpty())
         job += local;
     Tool tool(monitorOn(terminal.port()) + job, {utc});
     QVERIFY(tool.waitForOutput("#39 position"));
-    const Run run = stop(tool);
-    QCOMPARE(run.output, identificationOn(terminal) + message.replace("%local", local.toLocal8Bit()) + lines(40));
-    QCOMPARE(run.errors, QByteArray());
+    message.replace("%local", local.toLocal8Bit());
+    QCOMPARE(tool.stop(), runsUntilStopped(console::identification(terminal.port()) + message + lines(40)));
     QCOMPARE(terminal.requests().constLast(), QByteArray("2a214c4f4700400000"));
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::theMonitorFollowsARestart()
+void LogTest::theMonitorFollowsARestart()
 {
     SimulatedTerminal terminal(words("--restart 1 --log-rate 1000 --log-count 40") + from_midnight);
-    const QString local = fileWith(terminal, QStringLiteral("local.bin"), "new");
-    Tool tool(monitorOn(terminal.port()) + words("-l 4001 -w -a -f settings") + QStringList{local}, {utc});
-    const QByteArray port = terminal.port().toLocal8Bit();
-    const QByteArray expected = identificationOn(terminal) + "Writing file '" + local.toLocal8Bit()
-        + "' to 'settings' ...\n\r100% completed (3/3)\n\nApply file 'settings' ...\nCompleted\n\n"
-          "Serial port closed: "
-        + port + "\nWaiting device ...\n\rSerial port open: " + port + "\n\n" + lines(40);
+    const QString local = terminal.path(QStringLiteral("local.bin"));
+    files::store(local, "new");
+    Tool tool(argumentsOn(terminal.port(), "-m -l 4001 -w -a -f settings", local), {utc});
+    const QByteArray expected = console::identification(terminal.port()) + console::writing(local, "settings")
+        + console::progress(3) + console::written() + console::applying("settings") + console::completed()
+        + console::waiting(terminal.port()) + console::opened(terminal.port()) + lines(40);
     tool.waitForOutputOf(expected.size(), 30s);
-    const Run run = stop(tool);
-    QCOMPARE(run.output, expected);
-    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(tool.stop(), runsUntilStopped(expected));
     // The mask is set on the terminal that came back, and on no other.
     QCOMPARE(terminal.record().mid(6, 2), QByteArrayList({"# unplugged", "# link up"}));
     QCOMPARE(terminal.requests().mid(5), QByteArrayList{"2a214c4f4701400000"});
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::withoutMonitorNothingIsPrinted()
+void LogTest::withoutMonitorNothingIsPrinted()
 {
     SimulatedTerminal terminal(words("--log-always --log-rate max"));
-    const Run run = Tool({QStringLiteral("-p"), terminal.port()}).finish();
-    QCOMPARE(run.output, identificationOn(terminal));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(runOn(terminal.port()), exits(0, console::identification(terminal.port())));
 }
 
-void TestLog::theMonitorStartsBehindTheMasksAnswer_data()
+void LogTest::theMonitorStartsBehindTheMasksAnswer_data()
 {
     QTest::addColumn<QByteArray>("mask");
     QTest::newRow("mask 4000") << packets::mask_answer;
@@ -563,77 +440,56 @@ void TestLog::theMonitorStartsBehindTheMasksAnswer_data()
     QTest::newRow("an answer with more than the mask") << packets::packet("*@LOG" + packets::number(0x4000, 4) + "LOG");
 }
 
-void TestLog::theMonitorStartsBehindTheMasksAnswer()
+void LogTest::theMonitorStartsBehindTheMasksAnswer()
 {
     QFETCH(QByteArray, mask);
-    const ScriptedTerminal terminal;
+    PlainTerminal terminal;
     Tool tool(monitorOn(terminal.port()), {utc});
     // All in one piece, so that the tool finds it all in one go.
-    QVERIFY(terminal.answerRequests(text("early") + mask + text("glued") + text("glued too")));
+    answerRequests(terminal, text("early") + mask + text("glued") + text("glued too"));
     QVERIFY(tool.waitForOutput("glued too\n"));
-    QVERIFY(terminal.send(text("late")));
+    terminal.send(text("late"));
     QVERIFY(tool.waitForOutput("late\n"));
-    QCOMPARE(
-        stop(tool).output, terminal.identification() + textLine("glued") + textLine("glued too") + textLine("late"));
+    QCOMPARE(tool.stop(),
+        runsUntilStopped(identification(terminal) + textLine("glued") + textLine("glued too") + textLine("late")));
 }
 
-void TestLog::recordsAroundTheMasksAnswerOfTheSimulatedTerminal()
+void LogTest::recordsAroundTheMasksAnswerOfTheSimulatedTerminal()
 {
     // A record on either side of each of four answers: the eighth is the only one behind the mask's answer.
     SimulatedTerminal terminal(words("--log-always") + from_midnight);
     Tool tool(monitorOn(terminal.port()), {utc});
     QVERIFY(tool.waitForOutput("in a text\n"));
     QTest::qSleep(50);
-    QCOMPARE(stop(tool).output, identificationOn(terminal) + "00:00:00 007 [14] #5 @JVX in a text\n");
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(tool.stop(),
+        runsUntilStopped(console::identification(terminal.port()) + "00:00:00 007 [14] #5 @JVX in a text\n"));
 }
 
-void TestLog::recordsBetweenThePacketsOfATransferDoNotDisturb_data()
+void LogTest::recordsBetweenThePacketsOfATransferDoNotDisturb_data()
 {
-    QTest::addColumn<QString>("option");
-    QTest::newRow("read") << QStringLiteral("-r");
-    QTest::newRow("write") << QStringLiteral("-w");
+    QTest::addColumn<bool>("reads");
+    QTest::newRow("read") << true;
+    QTest::newRow("write") << false;
 }
 
-void TestLog::recordsBetweenThePacketsOfATransferDoNotDisturb()
+void LogTest::recordsBetweenThePacketsOfATransferDoNotDisturb()
 {
-    QFETCH(QString, option);
+    QFETCH(bool, reads);
     constexpr int size = 20'000;
-    QByteArray content;
-    for (int i = 0; i < size; ++i)
-        content.append(static_cast<char>(i * 31 + i / 251));
-    const QTemporaryDir files;
-    SimulatedTerminal terminal(words("--log-always --log-rate max --files") + QStringList{files.path()});
-    const QString own = files.filePath(QStringLiteral("settings"));
+    FilingTerminal terminal(words("--log-always --log-rate max"));
+    const QString own = terminal.own(QStringLiteral("settings"));
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    const bool is_read = option == QStringLiteral("-r");
-    QFile source(is_read ? own : local);
-    QVERIFY(source.open(QIODevice::WriteOnly) && source.write(content) == size);
-    source.close();
-
-    const QByteArray name = local.toLocal8Bit();
-    QByteArray expected = identificationOn(terminal)
-        + (is_read ? QByteArray("Reading file 'settings' ...\n") : "Writing file '" + name + "' to 'settings' ...\n");
-    for (int moved = 512; moved < size + 512; moved += 512) {
-        const int shown = std::min(moved, size);
-        expected += "\r" + QByteArray::number(shown * 100 / size) + "% completed (" + QByteArray::number(shown) + "/"
-            + QByteArray::number(size) + ")";
-    }
-    expected += is_read ? "\n\nFile saved to '" + name + "'\n" : QByteArray("\n\n");
-
-    const Run run
-        = Tool({QStringLiteral("-p"), terminal.port(), option, QStringLiteral("-f"), QStringLiteral("settings"), local})
-              .finish();
-    QCOMPARE(run.output, expected);
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QVERIFY(contentOf(is_read ? local : own) == content);
-    QCOMPARE(terminal.finish(), QByteArray());
+    files::store(reads ? own : local, files::sample(size));
+    const QByteArray begin = reads ? console::reading("settings") : console::writing(local, "settings");
+    const QByteArray end = reads ? console::saved(local) : console::written();
+    QCOMPARE(runOn(terminal.port(), reads ? "-r -f settings" : "-w -f settings", local),
+        exits(0, console::identification(terminal.port()) + begin + console::progress(size) + end));
+    QVERIFY(files::content(reads ? local : own) == files::sample(size));
 }
 
 // ---- the mask -----------------------------------------------------------------------------------------------------
 
-void TestLog::theMonitorRunsWithEveryMask_data()
+void LogTest::theMonitorRunsWithEveryMask_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QStringList>("options");
@@ -651,7 +507,7 @@ void TestLog::theMonitorRunsWithEveryMask_data()
     row("0, and logged all the same", "-l 0", "--log-always", "2a214c4f4700000000");
 }
 
-void TestLog::theMonitorRunsWithEveryMask()
+void LogTest::theMonitorRunsWithEveryMask()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QStringList, options);
@@ -659,15 +515,15 @@ void TestLog::theMonitorRunsWithEveryMask()
     SimulatedTerminal terminal(options + words("--log-rate 1000"));
     Tool tool(monitorOn(terminal.port()) + arguments);
     QVERIFY(tool.waitForOutput("ignition on") && tool.waitForOutput("position"));
-    const Run run = stop(tool);
-    QVERIFY(run.output.startsWith(identificationOn(terminal)));
-    QVERIFY2(!run.output.contains("Error"), run.output.constData());
-    QCOMPARE(run.code, -1); // ran until it was stopped
+    const Run run = tool.stop();
+    const QByteArray front = console::identification(terminal.port());
+    const QByteArray records = run.output.mid(front.size());
+    QVERIFY2(!records.contains("Error"), records.constData());
+    QCOMPARE(run, runsUntilStopped(front + records));
     QCOMPARE(terminal.requests().mid(3), QByteArrayList{request});
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting_data()
+void LogTest::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting_data()
 {
     QTest::addColumn<QString>("mask");
     QTest::addColumn<QByteArray>("request");
@@ -676,7 +532,7 @@ void TestLog::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting_data()
     QTest::newRow("every log but the texts") << QStringLiteral("-4001") << QByteArray("2a214c4f47ffbfffff");
 }
 
-void TestLog::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting()
+void LogTest::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting()
 {
     QFETCH(QString, mask);
     QFETCH(QByteArray, request);
@@ -684,12 +540,11 @@ void TestLog::aMaskThatSilencesTheTerminalLeavesTheMonitorWaiting()
     Tool tool(monitorOn(terminal.port()) + QStringList{QStringLiteral("-l"), mask});
     QTRY_COMPARE_WITH_TIMEOUT(terminal.requests().mid(3), QByteArrayList{request}, 10'000);
     QVERIFY(!tool.process().waitForFinished(700)); // longer than an answer may take
-    QCOMPARE(stop(tool).output, identificationOn(terminal));
+    QCOMPARE(tool.stop(), runsUntilStopped(console::identification(terminal.port())));
     QCOMPARE(terminal.requests().size(), 4);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::theMonitorDoesNotStartWithoutAMask_data()
+void LogTest::theMonitorDoesNotStartWithoutAMask_data()
 {
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<QByteArray>("message");
@@ -701,7 +556,7 @@ void TestLog::theMonitorDoesNotStartWithoutAMask_data()
     QTest::newRow("an answer of three bytes") << words("--answer LOG=004000") << unknown << 256 - 2 << 0;
 }
 
-void TestLog::theMonitorDoesNotStartWithoutAMask()
+void LogTest::theMonitorDoesNotStartWithoutAMask()
 {
     QFETCH(QStringList, options);
     QFETCH(QByteArray, message);
@@ -709,59 +564,48 @@ void TestLog::theMonitorDoesNotStartWithoutAMask()
     QFETCH(int, time);
     SimulatedTerminal terminal(options + words("--log-always --log-rate 1000"));
     const Run run = Tool(monitorOn(terminal.port())).finish();
-    QCOMPARE(run.output, identificationOn(terminal) + message);
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, code);
+    QCOMPARE(run, exits(code, console::identification(terminal.port()) + message));
     QVERIFY(run.milliseconds >= time);
     QCOMPARE(terminal.requests().size(), 4);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
 // ---- many records, and the end ------------------------------------------------------------------------------------
 
-void TestLog::aFloodIsPrintedWhole()
+void LogTest::aFloodIsPrintedWhole()
 {
     SimulatedTerminal terminal(words("--log-rate max --log-count 100000") + from_midnight);
     Tool tool(monitorOn(terminal.port()), {utc});
-    const QByteArray front = identificationOn(terminal);
+    const QByteArray front = console::identification(terminal.port());
     QVERIFY(tool.waitForOutputOf(front.size() + lines(10'000).size(), flood_limit));
     const qint64 early = peakMemory(tool.process().processId());
     QVERIFY(tool.waitForOutputOf(front.size() + lines(100'000).size(), flood_limit));
     const qint64 late = peakMemory(tool.process().processId());
-    const Run run = stop(tool);
-    QVERIFY(run.output.startsWith(front));
-    QCOMPARE(recordsIn(run.output.sliced(front.size())), 100'000);
-    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(tool.stop(), runsUntilStopped(front + lines(100'000)));
     QVERIFY(early > 0);
-    if (is_memory_telling)
+    if (!is_sanitized) // what is freed stays in quarantine
         QVERIFY2(late - early < 2 * 1024 * 1024, QByteArray::number(late - early).constData());
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::aSlowReaderLosesNothing()
+void LogTest::aSlowReaderLosesNothing()
 {
     constexpr int count = 20'000; // far more than a pipe holds
     SimulatedTerminal terminal(words("--log-rate max --log-count 20000") + from_midnight);
     Tool tool(monitorOn(terminal.port()), {utc});
-    const QByteArray front = identificationOn(terminal);
+    const QByteArray front = console::identification(terminal.port());
     QVERIFY(tool.waitForOutput(line(0)));
     QTest::qSleep(2000); // nothing is read in the meantime
     QVERIFY(tool.waitForOutputOf(front.size() + lines(count).size(), flood_limit));
-    const Run run = stop(tool);
-    QVERIFY(run.output.startsWith(front));
-    QCOMPARE(recordsIn(run.output.sliced(front.size())), count);
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(tool.stop(), runsUntilStopped(front + lines(count)));
 }
 
-void TestLog::aSignalEndsTheMonitor_data()
+void LogTest::aSignalEndsTheMonitor_data()
 {
     QTest::addColumn<int>("signal_number");
     QTest::newRow("SIGINT") << SIGINT;
     QTest::newRow("SIGTERM") << SIGTERM;
 }
 
-void TestLog::aSignalEndsTheMonitor()
+void LogTest::aSignalEndsTheMonitor()
 {
     QFETCH(int, signal_number);
     std::signal(signal_number, SIG_DFL); // a job in the background inherits it ignored
@@ -770,36 +614,32 @@ void TestLog::aSignalEndsTheMonitor()
     QVERIFY(tool.waitForOutput("#100 clock"));
     QCOMPARE(::kill(static_cast<pid_t>(tool.process().processId()), signal_number), 0);
     const Run run = tool.finish(5s);
-    QCOMPARE(run.code, -1);
-    QCOMPARE(tool.process().exitStatus(), QProcess::CrashExit);
     QCOMPARE(tool.process().exitCode(), signal_number);
-    const QByteArray front = identificationOn(terminal);
-    QVERIFY(run.output.startsWith(front));
-    QVERIFY2(recordsIn(run.output.sliced(front.size())) > 100, run.output.constData());
-    QCOMPARE(run.errors, QByteArray());
+    const QByteArray front = console::identification(terminal.port());
+    const int records = recordsIn(run.output.mid(front.size()));
+    QVERIFY2(records > 100, run.output.constData());
+    QCOMPARE(run, runsUntilStopped(front + lines(records)));
     QCOMPARE(terminal.requests().size(), 4); // the log was not switched off
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestLog::aTerminalThatDropsOffEndsTheMonitor()
+void LogTest::aTerminalThatDropsOffEndsTheMonitor()
 {
     for (int run = 0; run < 20; ++run) {
         SimulatedTerminal terminal(words("--drop-at 4:after --no-return --log-always --log-rate max"));
-        compareUnplugged(Tool(monitorOn(terminal.port())).finish(), identificationOn(terminal));
+        compareUnplugged(Tool(monitorOn(terminal.port())).finish(), console::identification(terminal.port()));
         if (QTest::currentTestFailed())
             return;
-        QCOMPARE(terminal.finish(), QByteArray());
     }
 }
 
-void TestLog::aTerminalUnpluggedInFullFlowEndsTheMonitor()
+void LogTest::aTerminalUnpluggedInFullFlowEndsTheMonitor()
 {
     for (int repetition = 0; repetition < 20; ++repetition) {
         SimulatedTerminal terminal(words("--log-rate max") + from_midnight);
-        const QByteArray front = identificationOn(terminal);
+        const QByteArray front = console::identification(terminal.port());
         Tool tool(monitorOn(terminal.port()), {utc});
         QVERIFY(tool.waitForOutput("#100 clock"));
-        QCOMPARE(terminal.finish(), QByteArray());
+        terminal.unplug();
         const Run run = tool.finish();
         compareUnplugged(run, front);
         if (QTest::currentTestFailed())
@@ -809,5 +649,5 @@ void TestLog::aTerminalUnpluggedInFullFlowEndsTheMonitor()
     }
 }
 
-QTEST_GUILESS_MAIN(TestLog)
+QTEST_GUILESS_MAIN(LogTest)
 #include "tst_log.moc"

@@ -1,7 +1,15 @@
-#include "harness.h"
+#include "console.h"
+#include "localfiles.h"
+#include "packets.h"
+#include "plainterminal.h"
+#include "sanitizers.h"
+#include "simulatedterminal.h"
+#include "tool.h"
 
 #include <QDeadlineTimer>
 #include <QRandomGenerator>
+#include <QTest>
+#include <QtEndian>
 
 #include <algorithm>
 #include <array>
@@ -22,7 +30,7 @@
 // So the runs here that must move the right data have no doubled answers on a read; these have tests of their own.
 
 /// The tool on lines with all kinds of faults at once; tool and terminal are processes of their own.
-class TestNoise : public QObject {
+class NoiseTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -48,18 +56,6 @@ private:
 };
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool is_sanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool is_sanitized = true;
-#else
-constexpr bool is_sanitized = false;
-#endif
-#else
-constexpr bool is_sanitized = false;
-#endif
 
 constexpr int side_by_side = 8;
 constexpr int runs_per_row = 40;
@@ -240,11 +236,9 @@ public:
 private:
     QStringList arguments() const
     {
-        QStringList list{QStringLiteral("-p"), _terminal.port(), QStringLiteral("-f"), _mix.kind,
-            _mix.job == Job::Read ? QStringLiteral("-r") : QStringLiteral("-w"), _local};
-        if (_mix.job == Job::Apply)
-            list += QStringLiteral("-a");
-        return list;
+        static constexpr std::array options{"-r", "-w", "-a -w"};
+        return argumentsOn(_terminal.port(), options[static_cast<size_t>(_mix.job)], _local)
+            + QStringList{QStringLiteral("-f"), _mix.kind};
     }
 
     QByteArray faultOfCode() const
@@ -294,12 +288,11 @@ private:
 
     QByteArray complaints()
     {
-        const QByteArray text = _terminal.finish();
-        const QByteArrayList lines = text.split('\n');
-        const bool excused = std::all_of(lines.cbegin(), lines.cend(), [this](const QByteArray &line) {
-            return line.isEmpty() || line == "exit code 1" || _mix.allowsComplaint(line);
-        });
-        return excused ? QByteArray() : text;
+        for (const QByteArray &line : _terminal.complaints()) {
+            if (!_mix.allowsComplaint(line))
+                return line;
+        }
+        return {};
     }
 
     static constexpr qint64 slack = is_sanitized ? 10'000 : 5'000; // of a busy machine
@@ -316,13 +309,12 @@ private:
 /// What the tool shows when \a moved bytes of 1300 were.
 QByteArray progress(int moved)
 {
-    return "\r" + QByteArray::number(moved * 100 / 1300) + "% completed (" + QByteArray::number(moved) + "/1300)";
+    return console::progressAt(moved, 1300);
 }
 
-QStringList arguments(const char *options, const PlainTerminal &terminal, const QString &local)
+QByteArray identification(const PlainTerminal &terminal)
 {
-    return QString::fromLatin1(options).split(QLatin1Char(' '))
-        + QStringList{QStringLiteral("-p"), terminal.port(), local};
+    return console::plainIdentificationParts(terminal.port()).join();
 }
 
 /// Answers all requests until the log mask, the one with the number \a doubled twice, or each one of the key \a
@@ -351,7 +343,7 @@ QList<int> offsets(const QByteArrayList &requests, const char *key)
 
 } // namespace
 
-void TestNoise::onABadLineTheDataAreRightOrTheRunFails_data()
+void NoiseTest::onABadLineTheDataAreRightOrTheRunFails_data()
 {
     QTest::addColumn<int>("job");
     QTest::addColumn<quint32>("first");
@@ -365,7 +357,7 @@ void TestNoise::onABadLineTheDataAreRightOrTheRunFails_data()
     rows("apply", Job::Apply, 40);
 }
 
-void TestNoise::onABadLineTheDataAreRightOrTheRunFails()
+void NoiseTest::onABadLineTheDataAreRightOrTheRunFails()
 {
     QFETCH(const int, job);
     QFETCH(const quint32, first);
@@ -387,7 +379,7 @@ void TestNoise::onABadLineTheDataAreRightOrTheRunFails()
 }
 
 // Otherwise the faults would be too many or too few to tell anything.
-void TestNoise::someRunsGetThroughAndSomeDoNot()
+void NoiseTest::someRunsGetThroughAndSomeDoNot()
 {
     const int all = _through + _failed;
     if (all == 0)
@@ -397,7 +389,7 @@ void TestNoise::someRunsGetThroughAndSomeDoNot()
     QVERIFY(_failed > all / 5);
 }
 
-void TestNoise::whatStandsBeforeAnAnswerIsSkipped_data()
+void NoiseTest::whatStandsBeforeAnAnswerIsSkipped_data()
 {
     using Junk = std::function<QByteArray(const QByteArray &)>;
     QTest::addColumn<Junk>("junk");
@@ -417,7 +409,7 @@ void TestNoise::whatStandsBeforeAnAnswerIsSkipped_data()
     QTest::newRow("the header of the answer") << Junk([](const QByteArray &answer) { return answer.first(16); });
 }
 
-void TestNoise::whatStandsBeforeAnAnswerIsSkipped()
+void NoiseTest::whatStandsBeforeAnAnswerIsSkipped()
 {
     QFETCH(const std::function<QByteArray(const QByteArray &)>, junk);
     const QTemporaryDir directory;
@@ -425,7 +417,7 @@ void TestNoise::whatStandsBeforeAnAnswerIsSkipped()
     files::store(local, files::sample(1300));
 
     PlainTerminal terminal;
-    Tool tool(arguments("-w -f settings", terminal, local));
+    Tool tool(argumentsOn(terminal.port(), "-w -f settings", local));
     QByteArray request;
     do {
         request = terminal.request();
@@ -433,14 +425,13 @@ void TestNoise::whatStandsBeforeAnAnswerIsSkipped()
         terminal.send(junk(answer) + answer);
     } while (!request.isEmpty() && !request.startsWith("*!LOG"));
     const Run run = tool.finish();
-    QCOMPARE(run.output,
-        plainIdentification(terminal).join() + "Writing file '" + local.toLocal8Bit() + "' to 'settings' ...\n"
-            + progress(512) + progress(1024) + progress(1300) + "\n\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run,
+        exits(0,
+            identification(terminal) + console::writing(local, "settings") + progress(512) + progress(1024)
+                + progress(1300) + console::written()));
 }
 
-void TestNoise::aDamagedAnswerIsNotTaken_data()
+void NoiseTest::aDamagedAnswerIsNotTaken_data()
 {
     QTest::addColumn<QByteArray>("answer");
     const QByteArray answer = packets::software_answer;
@@ -453,21 +444,20 @@ void TestNoise::aDamagedAnswerIsNotTaken_data()
     }
 }
 
-void TestNoise::aDamagedAnswerIsNotTaken()
+void NoiseTest::aDamagedAnswerIsNotTaken()
 {
     QFETCH(const QByteArray, answer);
     PlainTerminal terminal;
-    Tool tool({QStringLiteral("-p"), terminal.port()});
+    Tool tool(argumentsOn(terminal.port()));
     QCOMPARE(terminal.request(), QByteArray("*?V"));
     terminal.send(answer);
     const Run run = tool.finish();
-    QCOMPARE(run.output, plainIdentification(terminal).constFirst() + "Error: Timeout(-1)\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, timeout);
+    QCOMPARE(
+        run, exits(timeout, console::plainIdentificationParts(terminal.port()).constFirst() + "Error: Timeout(-1)\n"));
     QVERIFY(run.milliseconds >= 500);
 }
 
-void TestNoise::aDoubledReadAnswerIsTakenForTheNextPiece_data()
+void NoiseTest::aDoubledReadAnswerIsTakenForTheNextPiece_data()
 {
     QTest::addColumn<int>("doubled");
     QTest::addColumn<QList<int>>("pieces");
@@ -479,7 +469,7 @@ void TestNoise::aDoubledReadAnswerIsTakenForTheNextPiece_data()
     QTest::newRow("last piece") << 3 << QList<int>{0, 512, 1024} << QList<int>{0, 512, 1024};
 }
 
-void TestNoise::aDoubledReadAnswerIsTakenForTheNextPiece()
+void NoiseTest::aDoubledReadAnswerIsTakenForTheNextPiece()
 {
     QFETCH(const int, doubled);
     QFETCH(const QList<int>, pieces);
@@ -492,59 +482,56 @@ void TestNoise::aDoubledReadAnswerIsTakenForTheNextPiece()
     const QString local = directory.filePath(QStringLiteral("local.bin"));
 
     PlainTerminal terminal(content);
-    Tool tool(arguments("-r -f settings", terminal, local));
+    Tool tool(argumentsOn(terminal.port(), "-r -f settings", local));
     const QByteArrayList requests
         = serve(terminal, [doubled](const QByteArray &, qsizetype number) { return number == 3 + doubled; });
     const Run run = tool.finish();
-    QCOMPARE(run.output,
-        plainIdentification(terminal).join() + "Reading file 'settings' ...\n" + progress(512) + progress(1024)
-            + progress(1300) + "\n\nFile saved to '" + local.toLocal8Bit() + "'\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run,
+        exits(0,
+            identification(terminal) + console::reading("settings") + progress(512) + progress(1024) + progress(1300)
+                + console::saved(local)));
     QCOMPARE(files::content(local), expected.first(1300));
     QCOMPARE(offsets(requests, "*!FR"), asked);
 }
 
 // The terminal acknowledges each piece as often as it comes, so the one doubled answer is never made up for.
-void TestNoise::aDoubledWriteAnswerSendsTheNextPieceTwice()
+void NoiseTest::aDoubledWriteAnswerSendsTheNextPieceTwice()
 {
     const QTemporaryDir directory;
     const QString local = directory.filePath(QStringLiteral("local.bin"));
     files::store(local, files::sample(1300));
 
     PlainTerminal terminal;
-    Tool tool(arguments("-w -f settings", terminal, local));
+    Tool tool(argumentsOn(terminal.port(), "-w -f settings", local));
     const QByteArrayList requests = serve(terminal, [](const QByteArray &, qsizetype number) { return number == 4; });
     const Run run = tool.finish();
-    QCOMPARE(run.output,
-        plainIdentification(terminal).join() + "Writing file '" + local.toLocal8Bit() + "' to 'settings' ...\n"
-            + progress(512) + progress(512) + progress(1024) + progress(1024) + progress(1300) + "\n\n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run,
+        exits(0,
+            identification(terminal) + console::writing(local, "settings") + progress(512) + progress(512)
+                + progress(1024) + progress(1024) + progress(1300) + console::written()));
     QCOMPARE(offsets(requests, "*!FW"), QList<int>({0, 512, 512, 1024, 1024}));
     QCOMPARE(requests.mid(4, 1), requests.mid(5, 1));
     QCOMPARE(requests.mid(6, 1), requests.mid(7, 1));
 }
 
-void TestNoise::aPieceSentTwiceIsRefusedByAStrictTerminal()
+void NoiseTest::aPieceSentTwiceIsRefusedByAStrictTerminal()
 {
-    FilingTerminal terminal({QStringLiteral("--duplicate"), QStringLiteral("1")});
+    FilingTerminal terminal(words("--duplicate 1"));
     const QString local = terminal.path(QStringLiteral("local.bin"));
+    const QString own = terminal.own(QStringLiteral("settings"));
     files::store(local, files::sample(1300));
-    files::store(terminal.own(QStringLiteral("settings")), "old");
-    const Run run = Tool({QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-f"),
-                             QStringLiteral("settings"), local})
-                        .finish();
-    QVERIFY2(run.output.endsWith(progress(1024) + "\n\nError: 3\n"), run.output.constData());
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, out_of_order);
+    files::store(own, "old");
+    QCOMPARE(runOn(terminal.port(), "-w -f settings", local),
+        exits(out_of_order,
+            console::identification(terminal.port()) + console::writing(local, "settings") + progress(512)
+                + progress(512) + progress(1024) + progress(1024) + console::written() + "Error: 3\n"));
     // The third piece may still be on its way when the refusal of the second one ends the run.
-    const QByteArray own = files::content(terminal.own(QStringLiteral("settings")));
-    QVERIFY(own == "old" || own == files::sample(1300));
-    QVERIFY(terminal.finish().contains(": wrong offset: "));
+    const QByteArray content = files::content(own);
+    QVERIFY(content == "old" || content == files::sample(1300));
+    QVERIFY(terminal.complaints().join().contains(": wrong offset: "));
 }
 
-void TestNoise::aDoubledAnswerToASingleRequestIsIgnored_data()
+void NoiseTest::aDoubledAnswerToASingleRequestIsIgnored_data()
 {
     QTest::addColumn<QByteArray>("request");
     QTest::addColumn<bool>("applies");
@@ -554,7 +541,7 @@ void TestNoise::aDoubledAnswerToASingleRequestIsIgnored_data()
     QTest::newRow("all of them") << QByteArray("*") << false;
 }
 
-void TestNoise::aDoubledAnswerToASingleRequestIsIgnored()
+void NoiseTest::aDoubledAnswerToASingleRequestIsIgnored()
 {
     QFETCH(const QByteArray, request);
     QFETCH(const bool, applies);
@@ -563,19 +550,17 @@ void TestNoise::aDoubledAnswerToASingleRequestIsIgnored()
     files::store(local, "123456789");
 
     PlainTerminal terminal;
-    Tool tool(arguments(applies ? "-w -a -f settings" : "-w -f settings", terminal, local));
+    Tool tool(argumentsOn(terminal.port(), applies ? "-w -a -f settings" : "-w -f settings", local));
     const QByteArrayList requests
         = serve(terminal, [&request](const QByteArray &body, qsizetype) { return body.startsWith(request); });
     const Run run = tool.finish();
-    const QByteArray restart = "Apply file 'settings' ...\nCompleted\n\nSerial port closed: " + terminal.portName()
-        + "\nWaiting device ...\n\rSerial port open: " + terminal.portName() + "\n\n";
-    QCOMPARE(run.output,
-        plainIdentification(terminal).join() + "Writing file '" + local.toLocal8Bit()
-            + "' to 'settings' ...\n\r100% completed (9/9)\n\n" + (applies ? restart : QByteArray()));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    const QByteArray written
+        = identification(terminal) + console::writing(local, "settings") + console::progress(9) + console::written();
+    const QByteArray restarted = console::applying("settings") + console::completed()
+        + console::waiting(terminal.port()) + console::opened(terminal.port());
+    QCOMPARE(run, exits(0, applies ? written + restarted : written));
     QCOMPARE(requests.size(), 3 + 1 + (applies ? 1 : 0) + 1);
 }
 
-QTEST_GUILESS_MAIN(TestNoise)
+QTEST_GUILESS_MAIN(NoiseTest)
 #include "tst_noise.moc"

@@ -1,6 +1,11 @@
-#include "harness.h"
+#include "console.h"
+#include "localfiles.h"
+#include "plainterminal.h"
+#include "simulatedterminal.h"
+#include "tool.h"
 
-#include <QRegularExpression>
+#include <QFileInfo>
+#include <QTest>
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -9,7 +14,7 @@
 #include <vector>
 
 /// A terminal restarts after a file was applied, and the tool waits for it; both are processes of their own.
-class TestRestart : public QObject {
+class RestartTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -27,29 +32,39 @@ private Q_SLOTS:
 
 namespace {
 
-/// Writes and applies a local file of nine bytes as \a kind.
-QStringList apply(const SimulatedTerminal &terminal, const char *kind)
-{
-    QFile local(terminal.path(QStringLiteral("local.bin")));
-    if (local.open(QIODevice::WriteOnly))
-        local.write("123456789");
-    return {QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-a"), QStringLiteral("-f"),
-        QString::fromLatin1(kind), local.fileName()};
-}
+/// A terminal that restarts, and what the tool says to it when it writes and applies a local file of nine bytes.
+class RestartingTerminal : public SimulatedTerminal {
+public:
+    explicit RestartingTerminal(const char *options = "")
+        : SimulatedTerminal(words(options))
+    {
+        files::store(local(), "123456789");
+    }
 
-/// What the tool prints until it waits for the terminal.
-QByteArray applied(
-    const SimulatedTerminal &terminal, const QByteArray &kind, const QByteArray &completed = "Completed\n")
-{
-    return identificationOn(terminal) + "Writing file '" + terminal.path(QStringLiteral("local.bin")).toLocal8Bit()
-        + "' to '" + kind + "' ...\n\r100% completed (9/9)\n\nApply file '" + kind + "' ...\n" + completed + "\n"
-        + "Serial port closed: " + terminal.port().toLocal8Bit() + "\nWaiting device ...\n";
-}
+    QString local() const { return path(QStringLiteral("local.bin")); }
 
-QByteArray reopened(const SimulatedTerminal &terminal)
-{
-    return "\rSerial port open: " + terminal.port().toLocal8Bit() + "\n\n";
-}
+    /// Starts the tool, which is told to write and apply the file as \a kind.
+    Tool start(const char *kind) const
+    {
+        return Tool(argumentsOn(port(), "-w -a -f") + QStringList{QString::fromLatin1(kind), local()});
+    }
+
+    /// What the tool prints up to the answer to the apply.
+    QByteArray applying(const char *kind) const
+    {
+        return console::identification(port()) + console::writing(local(), kind) + console::progress(9)
+            + console::written() + console::applying(kind);
+    }
+
+    /// What the tool prints until it waits for the terminal.
+    QByteArray applied(const char *kind) const
+    {
+        return applying(kind) + console::completed() + console::waiting(port());
+    }
+
+    /// A whole run that waits for the terminal once, and finds it.
+    Run restarts(const char *kind) const { return exits(0, applied(kind) + console::opened(port())); }
+};
 
 /// Takes pseudo-terminals until it has the one that \a path has named, which has become free, or until \a isTooLate.
 class PseudoTerminalSquatter {
@@ -79,79 +94,66 @@ const QByteArray log_mask_request = "2a214c4f4700400000";
 
 } // namespace
 
-void TestRestart::theTerminalComesBack_data()
+void RestartTest::theTerminalComesBack_data()
 {
-    QTest::addColumn<QString>("seconds");
-    QTest::newRow("at once") << QStringLiteral("0");
-    QTest::newRow("after 3 s") << QStringLiteral("3");
+    QTest::addColumn<QByteArray>("options");
+    QTest::newRow("at once") << QByteArray("--restart 0");
+    QTest::newRow("after 3 s") << QByteArray("--restart 3");
 }
 
-void TestRestart::theTerminalComesBack()
+void RestartTest::theTerminalComesBack()
 {
-    QFETCH(QString, seconds);
-    SimulatedTerminal terminal({QStringLiteral("--restart"), seconds});
-    const Run run = Tool(apply(terminal, "settings")).finish();
-    QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QFETCH(QByteArray, options);
+    RestartingTerminal terminal(options.constData());
+    const Run run = terminal.start("settings").finish();
+    QCOMPARE(run, terminal.restarts("settings"));
     QVERIFY2(run.milliseconds >= 5100, QByteArray::number(run.milliseconds).constData());
     // The log mask is set on the terminal that came back, and nothing else is asked of it.
     QCOMPARE(terminal.record().mid(6, 2), QByteArrayList({"# unplugged", "# link up"}));
     QCOMPARE(terminal.requests().mid(5), QByteArrayList{log_mask_request});
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestRestart::theCountdownIsShownUntilTheTerminalComesBack()
+void RestartTest::theCountdownIsShownUntilTheTerminalComesBack()
 {
-    SimulatedTerminal terminal({QStringLiteral("--restart"), QStringLiteral("8")});
-    const Run run = Tool(apply(terminal, "settings")).finish();
-    const QByteArray front = applied(terminal, "settings") + "\r60 secs\r59 secs\r58 secs";
-    QVERIFY2(run.output.startsWith(front), run.output.constData());
+    RestartingTerminal terminal("--restart 8");
+    const Run run = terminal.start("settings").finish();
     // A busy machine may bring the terminal back somewhat later.
-    const QRegularExpression rest(QStringLiteral("^(\r5[0-7] secs)*%1$")
-                                      .arg(QRegularExpression::escape(QString::fromLocal8Bit(reopened(terminal)))));
-    QVERIFY2(rest.match(QString::fromLocal8Bit(run.output.sliced(front.size()))).hasMatch(), run.output.constData());
-    QCOMPARE(run.code, 0);
+    QByteArray countdown("\r60 secs\r59 secs\r58 secs");
+    for (int seconds = 57; run.output.contains("\r" + QByteArray::number(seconds) + " secs"); --seconds)
+        countdown += "\r" + QByteArray::number(seconds) + " secs";
+    QCOMPARE(run, exits(0, terminal.applied("settings") + countdown + console::opened(terminal.port())));
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestRestart::theTerminalComesBackUnderAnotherNode()
+void RestartTest::theTerminalComesBackUnderAnotherNode()
 {
-    SimulatedTerminal terminal({QStringLiteral("--restart"), QStringLiteral("2")});
+    RestartingTerminal terminal("--restart 2");
     const QString before = QFileInfo(terminal.port()).symLinkTarget();
-    Tool tool(apply(terminal, "settings"));
+    Tool tool = terminal.start("settings");
     QVERIFY(tool.waitForOutput("Waiting device"));
     QTRY_VERIFY(!terminal.isPlugged());
     const PseudoTerminalSquatter squatter(before, [&terminal] { return terminal.isPlugged(); });
     const Run run = tool.finish();
     const QString after = QFileInfo(terminal.port()).symLinkTarget();
     QVERIFY2(before != after, qPrintable(after));
-    QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(run, terminal.restarts("settings"));
 }
 
-void TestRestart::halfAPacketFromBeforeTheRestartIsForgotten()
+void RestartTest::halfAPacketFromBeforeTheRestartIsForgotten()
 {
     // The header of a log record whose body of 255 bytes never comes; header checksum by a Python one-liner.
-    SimulatedTerminal terminal(
-        {QStringLiteral("--restart-junk"), QStringLiteral("404a56580100000000000000ff0000fa2a3e4c4f47")});
-    const Run run = Tool(apply(terminal, "settings")).finish();
-    QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
-    QCOMPARE(run.code, 0);
+    RestartingTerminal terminal("--restart-junk 404a56580100000000000000ff0000fa2a3e4c4f47");
+    QCOMPARE(terminal.start("settings").finish(), terminal.restarts("settings"));
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestRestart::anApplyAnsweredBeforehandIsSentAllTheSame()
+void RestartTest::anApplyAnsweredBeforehandIsSentAllTheSame()
 {
     PlainTerminal terminal;
     const QTemporaryDir directory;
     const QString local = directory.filePath(QStringLiteral("local.bin"));
     files::store(local, "123456789");
-    Tool tool({QStringLiteral("-p"), terminal.port(), QStringLiteral("-w"), QStringLiteral("-a"), QStringLiteral("-f"),
-        QStringLiteral("settings"), local});
+    Tool tool(argumentsOn(terminal.port(), "-w -a -f settings", local));
     for (int i = 0; i < 3; ++i)
         terminal.send(terminal.answerTo(terminal.request()));
     const QByteArray apply_request = QByteArray::fromHex("2a214655"
@@ -163,52 +165,43 @@ void TestRestart::anApplyAnsweredBeforehandIsSentAllTheSame()
     QCOMPARE(terminal.request(), apply_request);
 }
 
-void TestRestart::aStatusOfZeroCountsAsApplied()
+void RestartTest::aStatusOfZeroCountsAsApplied()
 {
-    SimulatedTerminal terminal({QStringLiteral("--status"), QStringLiteral("FU:1=00")});
-    const Run run = Tool(apply(terminal, "settings")).finish();
-    QCOMPARE(run.output, applied(terminal, "settings") + reopened(terminal));
-    QCOMPARE(run.code, 0);
+    RestartingTerminal terminal("--status FU:1=00");
+    QCOMPARE(terminal.start("settings").finish(), terminal.restarts("settings"));
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestRestart::firmwareThatRestartsUnansweredIsWaitedFor()
+void RestartTest::firmwareThatRestartsUnansweredIsWaitedFor()
 {
-    SimulatedTerminal terminal({QStringLiteral("--restart-before-answer")});
-    const Run run = Tool(apply(terminal, "firmware")).finish();
-    QCOMPARE(run.output, applied(terminal, "firmware", {}) + reopened(terminal));
-    QCOMPARE(run.code, 0);
+    RestartingTerminal terminal("--restart-before-answer");
+    const Run run = terminal.start("firmware").finish();
+    const QByteArray reopened = console::waiting(terminal.port()) + console::opened(terminal.port());
+    QCOMPARE(run, exits(0, terminal.applying("firmware") + reopened));
     QVERIFY2(run.milliseconds >= 500 + 5100, QByteArray::number(run.milliseconds).constData());
     QCOMPARE(terminal.record().mid(6, 2), QByteArrayList({"# unplugged", "# link up"}));
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-void TestRestart::firmwareThatVanishesAtOnceIsAPortError()
+void RestartTest::firmwareThatVanishesAtOnceIsAPortError()
 {
-    SimulatedTerminal terminal({QStringLiteral("--vanish"), QStringLiteral("FU")});
-    const Run run = Tool(apply(terminal, "firmware")).finish();
-    QVERIFY2(run.output.contains("Apply file 'firmware' ...\nError: "), run.output.constData());
-    QCOMPARE(run.output.count("Error: "), 1);
-    QCOMPARE(run.code, 256 - 110);
-    QCOMPARE(terminal.finish(), QByteArray());
+    RestartingTerminal terminal("--vanish FU");
+    const Run run = terminal.start("firmware").finish();
+    QCOMPARE(withoutReason(run), exits(256 - 110, terminal.applying("firmware") + "Error: ...\n"));
 }
 
-void TestRestart::aTerminalThatNeverComesBackEndsTheRun()
+void RestartTest::aTerminalThatNeverComesBackEndsTheRun()
 {
-    SimulatedTerminal terminal({QStringLiteral("--no-return")});
-    const Run run = Tool(apply(terminal, "settings")).finish(120s);
+    RestartingTerminal terminal("--no-return");
+    const Run run = terminal.start("settings").finish(120s);
     QByteArray countdown;
     for (int seconds = 60; seconds > 0; --seconds)
         countdown += "\r" + QByteArray::number(seconds) + " secs";
-    QCOMPARE(run.output,
-        applied(terminal, "settings") + countdown + "\r              \nError: Failed to open serial port "
-            + terminal.port().toLocal8Bit() + ": \n");
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 112);
+    QCOMPARE(run,
+        exits(256 - 112,
+            terminal.applied("settings") + countdown + "\r              \nError: Failed to open serial port "
+                + terminal.port().toLocal8Bit() + ": \n"));
     QVERIFY2(run.milliseconds >= 65'100, QByteArray::number(run.milliseconds).constData());
-    QCOMPARE(terminal.finish(), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(TestRestart)
+QTEST_GUILESS_MAIN(RestartTest)
 #include "tst_restart.moc"

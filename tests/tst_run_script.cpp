@@ -1,9 +1,19 @@
+#include "console.h"
+#include "localfiles.h"
+#include "lock.h"
+#include "simulatedterminal.h"
 #include "testbed.h"
+#include "tool.h"
 
+#include <QDir>
+#include <QFile>
 #include <QRegularExpression>
+#include <QTest>
+
+#include <csignal>
 
 /// ./run: the tool, on a simulated terminal where none is attached and no port is named.
-class TestRunScript : public QObject {
+class RunScriptTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -35,14 +45,6 @@ const QString script = QStringLiteral(JVX_SOURCE_DIRECTORY "/run");
 
 enum class End { ByItself, InterruptOfAll, KillOfTheTool };
 
-/// The words of a line, in which '' stands for an empty one.
-QStringList words(const char *line)
-{
-    return QString::fromUtf8(line)
-        .split(QLatin1Char(' '), Qt::SkipEmptyParts)
-        .replaceInStrings(QStringLiteral("''"), QString());
-}
-
 QTestData &optionsRow(const char *line)
 {
     return QTest::newRow(line) << words(line);
@@ -57,6 +59,15 @@ QString announcedPort(const QByteArray &errors)
     static const QRegularExpression port(QStringLiteral("(?<=, )\\S+"));
     const QString text = QString::fromLocal8Bit(errors);
     return announcement.match(text).hasMatch() ? port.match(text).captured() : QString();
+}
+
+/// A run on the simulated terminal, which the script announces on standard error.
+Run onSimulated(const QString &port, int code, const QByteArray &output,
+    const QByteArray &announcement = "No terminal is attached: using a simulated one, ")
+{
+    Run run = exits(code, output);
+    run.errors = announcement + port.toLocal8Bit() + "\n";
+    return run;
 }
 
 /// The tool that runs on the simulated terminal's \a port, which is named after it.
@@ -103,19 +114,15 @@ private:
 
 } // namespace
 
-void TestRunScript::anAttachedTerminalIsUsed()
+void RunScriptTest::anAttachedTerminalIsUsed()
 {
     SimulatedTerminal terminal;
     Testbed testbed({terminalPort(0, "1-1")});
     testbed.connect(0, terminal);
-    const Run run = testbed.start({}, {}, script).finish();
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.output, identificationOn(portName(0)));
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(testbed.start({}, {}, script).finish(), exits(0, console::identification(portName(0))));
 }
 
-void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre_data()
+void RunScriptTest::anAttachedTerminalGetsTheOptionsAsTheyAre_data()
 {
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<int>("code");
@@ -131,7 +138,7 @@ void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre_data()
                             << "\nFile saved to '" + QByteArray(name) + "'\n";
 }
 
-void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre()
+void RunScriptTest::anAttachedTerminalGetsTheOptionsAsTheyAre()
 {
     QFETCH(QStringList, options);
     const WorkingDirectory here;
@@ -139,31 +146,30 @@ void TestRunScript::anAttachedTerminalGetsTheOptionsAsTheyAre()
     Testbed testbed({terminalPort(0, "1-1")});
     testbed.connect(0, terminal);
     const Run run = testbed.start(options, {}, script).finish();
-    QCOMPARE(run.errors, QByteArray());
-    QTEST(run.code, "code");
+    QFETCH(int, code);
     QFETCH(QByteArray, line);
     QVERIFY2(run.output.endsWith(line), run.output.constData());
+    QCOMPARE(run, exits(code, run.output));
 }
 
-void TestRunScript::theExitCodeIsThatOfTheTool()
+void RunScriptTest::theExitCodeIsThatOfTheTool()
 {
     SimulatedTerminal terminal({QStringLiteral("--silent"), QStringLiteral("V")});
     Testbed testbed({terminalPort(0, "1-1")});
     testbed.connect(0, terminal);
-    QCOMPARE(testbed.start({}, {}, script).finish().code, 255);
+    QCOMPARE(
+        testbed.start({}, {}, script).finish(), exits(255, console::checking(portName(0)) + "Error: Timeout(-1)\n"));
 }
 
-void TestRunScript::aForeignDeviceIsNoTerminal()
+void RunScriptTest::aForeignDeviceIsNoTerminal()
 {
     const Testbed testbed({{0, "1-1", "03eb", "6125"}, {1, "1-2", "03ec", "6124"}, {2, "1-3", "103eb", "61240"}});
     const Run run = testbed.start({}, {}, script).finish();
     const QString port = announcedPort(run.errors);
-    QVERIFY2(!port.isEmpty(), run.errors.constData());
-    QCOMPARE(run.output, identificationOn(port));
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run, onSimulated(port, 0, console::identification(port)));
 }
 
-void TestRunScript::withoutATerminalASimulatedOneIsUsed_data()
+void RunScriptTest::withoutATerminalASimulatedOneIsUsed_data()
 {
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<int>("code");
@@ -185,21 +191,22 @@ void TestRunScript::withoutATerminalASimulatedOneIsUsed_data()
         optionsRow(line) << 0 << QByteArrayLiteral("\nIMEI: 350000000000017\n\n");
 }
 
-void TestRunScript::withoutATerminalASimulatedOneIsUsed()
+void RunScriptTest::withoutATerminalASimulatedOneIsUsed()
 {
     QFETCH(QStringList, options);
     QFETCH(QByteArray, end);
     const WorkingDirectory here;
     const Run run = Testbed().start(options, {}, script).finish();
     const QString port = announcedPort(run.errors);
-    QVERIFY2(!port.isEmpty(), run.errors.constData());
-    QVERIFY2(run.output == end || run.output.startsWith(identificationOn(port).chopped(1)), run.output.constData());
+    QVERIFY2(
+        run.output == end || run.output.startsWith(console::identification(port).chopped(1)), run.output.constData());
     QVERIFY2(run.output.endsWith(end), run.output.constData());
-    QTEST(run.code, "code");
+    QFETCH(int, code);
+    QCOMPARE(run, onSimulated(port, code, run.output));
     QTRY_VERIFY(isGone(port));
 }
 
-void TestRunScript::withoutATerminalNothingIsWritten_data()
+void RunScriptTest::withoutATerminalNothingIsWritten_data()
 {
     QTest::addColumn<QStringList>("options");
     for (const char *line : {"-w local.bin", "--write local.bin", "-wa local.bin", "-aw local.bin",
@@ -208,20 +215,19 @@ void TestRunScript::withoutATerminalNothingIsWritten_data()
         optionsRow(line);
 }
 
-void TestRunScript::withoutATerminalNothingIsWritten()
+void RunScriptTest::withoutATerminalNothingIsWritten()
 {
     QFETCH(QStringList, options);
     const WorkingDirectory here;
     files::store(QStringLiteral("local.bin"), "123456789");
-    const Run run = Testbed({{0, "1-1", "03eb", "6125"}}).start(options, {}, script).finish();
-    QCOMPARE(run.errors,
-        QByteArray("No terminal is attached and no port is named: nothing is written. To try it on a simulated "
-                   "terminal: ./run --simulated -w ...\n"));
-    QCOMPARE(run.output, QByteArray());
-    QCOMPARE(run.code, 256 - 103);
+    const Testbed testbed({{0, "1-1", "03eb", "6125"}});
+    QCOMPARE(testbed.start(options, {}, script).finish(),
+        fails(256 - 103,
+            "No terminal is attached and no port is named: nothing is written. To try it on a simulated "
+            "terminal: ./run --simulated -w ...\n"));
 }
 
-void TestRunScript::aSimulatedTerminalIsUsedOnDemand_data()
+void RunScriptTest::aSimulatedTerminalIsUsedOnDemand_data()
 {
     QTest::addColumn<bool>("attached");
     QTest::addColumn<QStringList>("options");
@@ -236,7 +242,7 @@ void TestRunScript::aSimulatedTerminalIsUsedOnDemand_data()
                              << QByteArray("\nFile saved to 'local.bin'\n");
 }
 
-void TestRunScript::aSimulatedTerminalIsUsedOnDemand()
+void RunScriptTest::aSimulatedTerminalIsUsedOnDemand()
 {
     QFETCH(bool, attached);
     QFETCH(QStringList, options);
@@ -248,93 +254,92 @@ void TestRunScript::aSimulatedTerminalIsUsedOnDemand()
         testbed.connect(0, terminal);
     const Run run = testbed.start(words("--simulated") + options, {}, script).finish();
     const QString port = announcedPort(run.errors);
-    QVERIFY2(run.errors.startsWith("Using a simulated terminal, "), run.errors.constData());
-    QVERIFY2(run.output.startsWith(identificationOn(port)), run.output.constData());
     QFETCH(QByteArray, end);
+    QVERIFY2(run.output.startsWith(console::identification(port)), run.output.constData());
     QVERIFY2(run.output.endsWith(end), run.output.constData());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run, onSimulated(port, 0, run.output, "Using a simulated terminal, "));
     QCOMPARE(terminal.requests(), QByteArrayList());
     QTRY_VERIFY(isGone(port));
 }
 
-void TestRunScript::aSimulatedTerminalHasNoOtherPort_data()
+void RunScriptTest::aSimulatedTerminalHasNoOtherPort_data()
 {
     QTest::addColumn<QStringList>("options");
     for (const char *line : {"--simulated -p X", "--simulated -wpX local.bin", "--simulated --port=X"})
         optionsRow(line);
 }
 
-void TestRunScript::aSimulatedTerminalHasNoOtherPort()
+void RunScriptTest::aSimulatedTerminalHasNoOtherPort()
 {
     QFETCH(QStringList, options);
-    const Run run = Testbed().start(options, {}, script).finish();
-    QCOMPARE(run.errors, QByteArray("A port is named beside --simulated.\n"));
-    QCOMPARE(run.output, QByteArray());
-    QCOMPARE(run.code, 1);
+    QCOMPARE(Testbed().start(options, {}, script).finish(), fails(1, "A port is named beside --simulated.\n"));
 }
 
-void TestRunScript::aFileIsAppliedOnASimulatedTerminal_data()
+void RunScriptTest::aFileIsAppliedOnASimulatedTerminal_data()
 {
     QTest::addColumn<QByteArray>("kind");
     QTest::newRow("settings") << QByteArray("settings");
     QTest::newRow("firmware") << QByteArray("firmware");
 }
 
-void TestRunScript::aFileIsAppliedOnASimulatedTerminal()
+void RunScriptTest::aFileIsAppliedOnASimulatedTerminal()
 {
     QFETCH(QByteArray, kind);
     const WorkingDirectory here;
     files::store(QStringLiteral("local.bin"), "123456789");
     const Run run = Testbed().start(words("--simulated -w -f " + kind + " local.bin -a"), {}, script).finish();
     const QString port = announcedPort(run.errors);
-    const QByteArray name = port.toLocal8Bit();
-    QCOMPARE(run.output,
-        identificationOn(port) + "Writing file 'local.bin' to '" + kind + "' ...\n\r100% completed (9/9)\n\n"
-            + "Apply file '" + kind + "' ...\nCompleted\n\nSerial port closed: " + name
-            + "\nWaiting device ...\n\rSerial port open: " + name + "\n\n");
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run,
+        onSimulated(port, 0,
+            console::identification(port) + console::writing(QStringLiteral("local.bin"), kind) + console::progress(9)
+                + console::written() + console::applying(kind) + console::completed() + console::waiting(port)
+                + console::opened(port),
+            "Using a simulated terminal, "));
     QTRY_VERIFY(isGone(port));
 }
 
-void TestRunScript::aNamedPortIsLeftAlone_data()
+void RunScriptTest::aNamedPortIsLeftAlone_data()
 {
     QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("code");
     QTest::addColumn<QByteArray>("output");
     for (const char *line : {"-p X", "-pX", "-p=X", "--port X", "--port=X", "-mp X", "-mpX", "-mp=X", "-rp X name",
              "-r name -p X", "name -p X", "-f 1 -p X", "-f1 -pX", "-l -1 -p X", "-w local.bin -p X", "-wpX local.bin",
              "--file 1 --port X", "--log 0 -p X", "-amrpX name"})
-        optionsRow(line) << QByteArrayLiteral("Failed to open serial port X: No such file or directory\n");
-    optionsRow("-f -- -p X") << QByteArrayLiteral("Selected unknown file\n");
-    optionsRow("-f -p --port X") << QByteArrayLiteral("Selected unknown file\n");
-    optionsRow("-l -p -p X") << QByteArrayLiteral("Invalid log mask\n");
-    optionsRow("-p --") << QByteArrayLiteral("Failed to open serial port --: No such file or directory\n");
-    optionsRow("--port=") << QByteArrayLiteral("Serial port is not selected\n");
+        optionsRow(line) << 256 - 105 << QByteArrayLiteral("Failed to open serial port X: No such file or directory\n");
+    optionsRow("-f -- -p X") << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-f -p --port X") << 256 - 102 << QByteArrayLiteral("Selected unknown file\n");
+    optionsRow("-l -p -p X") << 256 - 106 << QByteArrayLiteral("Invalid log mask\n");
+    optionsRow("-p --") << 256 - 105 << QByteArrayLiteral("Failed to open serial port --: No such file or directory\n");
+    optionsRow("--port=") << 256 - 103 << QByteArrayLiteral("Serial port is not selected\n");
     for (const char *line : {"-v", "--version", "-mv", "-f p -v", "-w -v", "-wv", "--simulated -v"})
-        optionsRow(line) << QByteArrayLiteral("JVX file loader 0.0.8\n");
+        optionsRow(line) << 0 << QByteArrayLiteral("JVX file loader 0.0.8\n");
 }
 
-void TestRunScript::aNamedPortIsLeftAlone()
+void RunScriptTest::aNamedPortIsLeftAlone()
 {
     QFETCH(QStringList, options);
-    const Run run = Testbed().start(options, {}, script).finish();
-    QCOMPARE(run.errors, QByteArray());
-    QTEST(run.output, "output");
+    QFETCH(int, code);
+    QFETCH(QByteArray, output);
+    QCOMPARE(Testbed().start(options, {}, script).finish(), exits(code, output));
 }
 
-void TestRunScript::standardInputIsTheCallers()
+void RunScriptTest::standardInputIsTheCallers()
 {
     const Testbed testbed;
     const QString input = testbed.path(QStringLiteral("ports.umockdev"));
     Tool tool = testbed.start(
         {QStringLiteral("-c"), QStringLiteral("exec \"$0\" -m <\"$1\""), script, input}, {}, QStringLiteral("sh"));
     QVERIFY(tool.waitForOutput("IMEI"));
-    const pid_t process = processOn(announcedPort(tool.process().readAllStandardError()));
+    const QString port = announcedPort(tool.waitForErrorLine());
+    const pid_t process = processOn(port);
     QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/0").arg(process)), input);
     ::kill(process, SIGTERM);
-    tool.finish();
+    QCOMPARE(tool.finish(), onSimulated(port, SIGTERM, console::identification(port))); // the code is umockdev-run's
+    removeLock(port);
 }
 
-void TestRunScript::theSimulatedTerminalEndsWithTheTool_data()
+void RunScriptTest::theSimulatedTerminalEndsWithTheTool_data()
 {
     QTest::addColumn<End>("end");
     QTest::newRow("by itself") << End::ByItself;
@@ -342,26 +347,26 @@ void TestRunScript::theSimulatedTerminalEndsWithTheTool_data()
     QTest::newRow("tool killed") << End::KillOfTheTool;
 }
 
-void TestRunScript::theSimulatedTerminalEndsWithTheTool()
+void RunScriptTest::theSimulatedTerminalEndsWithTheTool()
 {
     QFETCH(End, end);
     const Testbed testbed;
     const QStringList options = end == End::ByItself ? QStringList() : QStringList{QStringLiteral("-m")};
     Tool tool = testbed.start(options, {}, script);
     QVERIFY(tool.waitForOutput("IMEI"));
-    tool.process().waitForReadyRead(0);
-    const QString port = announcedPort(tool.process().readAllStandardError());
+    const QString port = announcedPort(tool.waitForErrorLine());
     QVERIFY(!port.isEmpty());
     if (end == End::InterruptOfAll)
         tool.signalAll(SIGINT);
     else if (end == End::KillOfTheTool)
         ::kill(processOn(port), SIGKILL);
     const Run run = tool.finish();
-    QVERIFY(run.code != -2);
+    QVERIFY(run.code != hung);
     QCOMPARE(run.code == 0, end == End::ByItself);
-    QCOMPARE(run.errors, QByteArray());
+    QCOMPARE(run, onSimulated(port, run.code, console::identification(port)));
+    removeLock(port);
     QTRY_VERIFY(isGone(port));
 }
 
-QTEST_GUILESS_MAIN(TestRunScript)
+QTEST_GUILESS_MAIN(RunScriptTest)
 #include "tst_run_script.moc"

@@ -1,4 +1,7 @@
+#include "console.h"
+#include "simulatedterminal.h"
 #include "testbed.h"
+#include "tool.h"
 
 #include <QApplication>
 #include <QDialog>
@@ -8,14 +11,17 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
+#include <QTest>
 #include <QVBoxLayout>
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <sys/prctl.h>
 #include <xcb/xcb.h>
 
 /// The user chooses among several terminals in a window, on a real display that nobody looks at.
-class TestWindow : public QObject {
+class WindowTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -217,20 +223,20 @@ void actionsRow(const char *actions)
 
 } // namespace
 
-void TestWindow::init()
+void WindowTest::init()
 {
     // Nothing is to be under the pointer when the window appears.
     xdotool({QStringLiteral("mousemove"), QStringLiteral("0"), QStringLiteral("0")});
 }
 
-void TestWindow::theWindowShowsThePromptAndTheCandidates_data()
+void WindowTest::theWindowShowsThePromptAndTheCandidates_data()
 {
     QTest::addColumn<QList<FakedPort>>("ports");
     QTest::newRow("two") << two_ports;
     QTest::newRow("three") << three_ports;
 }
 
-void TestWindow::theWindowShowsThePromptAndTheCandidates()
+void WindowTest::theWindowShowsThePromptAndTheCandidates()
 {
     QFETCH(QList<FakedPort>, ports);
     const ExpectedWindow expected(candidatesAmong(ports));
@@ -242,10 +248,10 @@ void TestWindow::theWindowShowsThePromptAndTheCandidates()
     const QString picture = QStringLiteral("port-selection-%1.png").arg(QLatin1String(QTest::currentDataTag()));
     QVERIFY(window.image().save(QCoreApplication::applicationDirPath() + QLatin1Char('/') + picture));
     window.hit(QStringLiteral("Escape"));
-    QCOMPARE(tool.finish().code, 256 - 103);
+    QCOMPARE(tool.finish(), exits(256 - 103, "Serial port is not selected\n"));
 }
 
-void TestWindow::theSelectedPortIsUsed_data()
+void WindowTest::theSelectedPortIsUsed_data()
 {
     QTest::addColumn<QList<FakedPort>>("ports");
     QTest::addColumn<QString>("actions");
@@ -259,7 +265,7 @@ void TestWindow::theSelectedPortIsUsed_data()
     QTest::newRow("one, then another") << three_ports << QStringLiteral("2 0 1 ok") << 1;
 }
 
-void TestWindow::theSelectedPortIsUsed()
+void WindowTest::theSelectedPortIsUsed()
 {
     QFETCH(QList<FakedPort>, ports);
     QFETCH(QString, actions);
@@ -271,20 +277,17 @@ void TestWindow::theSelectedPortIsUsed()
     Tool tool = testbed.start({}, onDisplay());
     perform(actions, ShownWindow(), expected);
     const Run run = tool.finish();
-    QCOMPARE(run.output, identificationOn(portName(chosen)));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
-    QCOMPARE(terminal.finish(), QByteArray());
+    QCOMPARE(run, exits(0, console::identification(portName(chosen))));
 }
 
-void TestWindow::withoutASelectionNothingStarts_data()
+void WindowTest::withoutASelectionNothingStarts_data()
 {
     QTest::addColumn<QString>("actions");
     for (const char *actions : {"ok", "Return", "cancel", "Escape", "close", "1 cancel", "1 Escape", "1 close"})
         actionsRow(actions);
 }
 
-void TestWindow::withoutASelectionNothingStarts()
+void WindowTest::withoutASelectionNothingStarts()
 {
     QFETCH(QString, actions);
     const ExpectedWindow expected(candidatesAmong(two_ports));
@@ -294,13 +297,11 @@ void TestWindow::withoutASelectionNothingStarts()
     Tool tool = testbed.start({}, onDisplay());
     perform(actions, ShownWindow(), expected);
     const Run run = tool.finish();
-    QCOMPARE(run.output, QByteArray("Serial port is not selected\n"));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 256 - 103);
+    QCOMPARE(run, exits(256 - 103, QByteArray("Serial port is not selected\n")));
     QCOMPARE(terminal.requests(), QByteArrayList());
 }
 
-void TestWindow::aDoubleClickOnlySelects()
+void WindowTest::aDoubleClickOnlySelects()
 {
     const ExpectedWindow expected(candidatesAmong(two_ports));
     SimulatedTerminal terminal;
@@ -315,25 +316,23 @@ void TestWindow::aDoubleClickOnlySelects()
     QCOMPARE(terminal.requests(), QByteArrayList());
     window.click(expected.ok);
     const Run run = tool.finish();
-    QCOMPARE(run.output, identificationOn(portName(0)));
-    QCOMPARE(run.errors, QByteArray());
-    QCOMPARE(run.code, 0);
+    QCOMPARE(run, exits(0, console::identification(portName(0))));
 }
 
-void TestWindow::nobodyIsAskedWithoutNeed_data()
+void WindowTest::nobodyIsAskedWithoutNeed_data()
 {
     QTest::addColumn<QList<FakedPort>>("ports");
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<QByteArray>("output");
     QTest::addColumn<int>("code");
-    const QByteArray identification = identificationOn(portName(0));
+    const QByteArray identification = console::identification(portName(0));
     QTest::newRow("no terminal") << QList<FakedPort>() << QStringList() << QByteArray("Serial port is not selected\n")
                                  << 256 - 103;
     QTest::newRow("one terminal") << three_ports.first(1) << QStringList() << identification << 0;
     QTest::newRow("port named") << two_ports << QStringList{QStringLiteral("-p"), portName(0)} << identification << 0;
 }
 
-void TestWindow::nobodyIsAskedWithoutNeed()
+void WindowTest::nobodyIsAskedWithoutNeed()
 {
     QFETCH(QList<FakedPort>, ports);
     QFETCH(QStringList, options);
@@ -341,10 +340,9 @@ void TestWindow::nobodyIsAskedWithoutNeed()
     Testbed testbed(ports);
     if (!ports.isEmpty())
         testbed.connect(0, terminal);
-    const Run run = testbed.start(options, onDisplay()).finish();
-    QTEST(run.output, "output");
-    QCOMPARE(run.errors, QByteArray());
-    QTEST(run.code, "code");
+    QFETCH(QByteArray, output);
+    QFETCH(int, code);
+    QCOMPARE(testbed.start(options, onDisplay()).finish(), exits(code, output));
 }
 
 int main(int argc, char *argv[])
@@ -354,7 +352,7 @@ int main(int argc, char *argv[])
     qputenv("QT_QPA_PLATFORM", "xcb");
     qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:"); // else the framework looks for one, in a library that leaks
     const QApplication application(argc, argv);
-    TestWindow test;
+    WindowTest test;
     return QTest::qExec(&test, argc, argv);
 }
 

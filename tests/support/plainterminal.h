@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <chrono>
+
+/// The least that a terminal can be: a pseudo-terminal, for answers that are exactly what a test wants, when it wants
+/// them. It has one file, takes every request as it comes and acknowledges every piece.
+class PlainTerminal {
+public:
+    /// A terminal with this \a file, whatever its kind.
+    explicit PlainTerminal(QByteArray file = {});
+
+    ~PlainTerminal();
+
+    PlainTerminal(const PlainTerminal &) = delete;
+    PlainTerminal &operator=(const PlainTerminal &) = delete;
+
+    /// What the user of the tool names. A name of its own: the system gives the number of a pseudo-terminal to the
+    /// next one, with any lock that is left of it.
+    QString port() const { return _directory.filePath(QStringLiteral("terminal")); }
+
+    /// The body of the next request; empty if there is none within \a limit.
+    QByteArray request(std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+    /// The packet of the answer to \a request.
+    QByteArray answerTo(const QByteArray &request) const;
+
+    /// Sends \a bytes. Fails the test if the line does not take them within 10 s.
+    void send(const QByteArray &bytes);
+
+    /// Fills the line towards the terminal, which must not have to take any further request. The next one is stuck.
+    void jam();
+
+    /// Takes its port away, at once: what was not read by then is lost.
+    void vanish();
+
+private:
+    QByteArray pieceAnswer(const QByteArray &request) const;
+    QByteArray bytes(qsizetype count, std::chrono::milliseconds limit);
+
+    const QTemporaryDir _directory;
+    const QByteArray _file;
+    int _master = -1;
+    int _slave = -1;
+};

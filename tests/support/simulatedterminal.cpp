@@ -1,0 +1,97 @@
+#include "simulatedterminal.h"
+
+#include "lock.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
+
+#include <utility>
+
+namespace {
+
+void fail(const QByteArray &message)
+{
+    QTest::qFail(message.constData(), __FILE__, __LINE__);
+}
+
+} // namespace
+
+SimulatedTerminal::SimulatedTerminal(const QStringList &options)
+{
+    _process.start(QStringLiteral(JVX_SIMULATOR),
+        QStringList{QStringLiteral("--link"), port(), QStringLiteral("--record"), recordPath()} + options);
+    QElapsedTimer waiting;
+    waiting.start();
+    while (!isPlugged() && waiting.elapsed() < 10'000 && _process.state() != QProcess::NotRunning)
+        _process.waitForFinished(5); // one that ends at once need not be waited for any longer
+    if (!isPlugged())
+        fail("the simulated terminal did not start");
+}
+
+SimulatedTerminal::~SimulatedTerminal()
+{
+    unplug();
+    removeLock(port());
+}
+
+bool SimulatedTerminal::isPlugged() const
+{
+    return QFileInfo::exists(port());
+}
+
+QByteArrayList SimulatedTerminal::record() const
+{
+    QFile file(recordPath());
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QByteArrayList lines = file.readAll().split('\n');
+    lines.removeLast(); // what follows the last line end is not a whole line, if anything
+    return lines;
+}
+
+QByteArrayList SimulatedTerminal::requests() const
+{
+    constexpr qsizetype header_size = 16;
+    QByteArrayList bodies;
+    for (const QByteArray &line : record()) {
+        if (!line.startsWith('#'))
+            bodies += line.sliced(2 * header_size);
+    }
+    return bodies;
+}
+
+void SimulatedTerminal::unplug()
+{
+    constexpr qsizetype shown = 200; // a malformed packet can be long
+    for (const QByteArray &complaint : end())
+        fail("the simulated terminal complains: " + complaint.left(shown));
+}
+
+QByteArrayList SimulatedTerminal::complaints()
+{
+    return end();
+}
+
+/// Ends the process. Returns what is wrong with its run; nothing the next time.
+QByteArrayList SimulatedTerminal::end()
+{
+    if (std::exchange(_has_ended, true))
+        return {};
+    _process.terminate();
+    if (_process.state() != QProcess::NotRunning && !_process.waitForFinished(10'000))
+        return {QByteArrayLiteral("it does not end")};
+    QByteArrayList complaints = _process.readAllStandardError().split('\n');
+    complaints.removeAll(QByteArray());
+    if (_process.exitStatus() != QProcess::NormalExit)
+        complaints += QByteArrayLiteral("it crashed");
+    else if (_process.exitCode() != 0 && complaints.isEmpty())
+        complaints += "exit code " + QByteArray::number(_process.exitCode());
+    return complaints;
+}
+
+FilingTerminal::FilingTerminal(const QStringList &options)
+    : SimulatedTerminal(QStringList{QStringLiteral("--files"), directory.path()} + options)
+{
+}
