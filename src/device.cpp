@@ -1,6 +1,7 @@
 #include "device.h"
 
 #include "crc.h"
+#include "jvxb/trace.h"
 #include "outputreader.h"
 #include "platform.h"
 #include "stdoutput.h"
@@ -122,6 +123,7 @@ bool Device::tryOpenSerialPort(bool end_if_error, bool next_operation, int try_c
         return true;
 
     if (_port->open(QIODevice::ReadWrite)) {
+        jvxb::trace::opened(_port->portName());
         // A terminal may send nothing before, and not every driver raises the line when it opens the port.
         _port->setDataTerminalReady(true);
         // Only now: opening reports errors of no consequence, and so does a port without that line.

@@ -1,5 +1,6 @@
 #include "jvxb.h"
 
+#include "jvxb/trace.h"
 #include "stdoutput.h"
 
 #include <QCoreApplication>
@@ -81,6 +82,11 @@ Transaction::Transaction(char request, char answer, const QByteArray &key, QObje
     _timer->setTimerType(Qt::PreciseTimer); // a coarse timer may fire 5 % early
     _timer->setInterval(timeout);
     connect(_timer, &QTimer::timeout, this, &Transaction::timeout);
+}
+
+QByteArray Transaction::name() const
+{
+    return QByteArray{}.append(_request).append(_key);
 }
 
 QByteArray Transaction::request() const
@@ -177,8 +183,7 @@ Protocol::Protocol(QSerialPort *port, QObject *parent)
 {
     connect(port, &QSerialPort::errorOccurred, this, &Protocol::onErrorOccurred);
     connect(port, &QSerialPort::readyRead, this, &Protocol::onReadyRead);
-    // Half a packet from before would swallow the first answers after the port is opened again.
-    connect(port, &QSerialPort::aboutToClose, this, [this] { _received.clear(); });
+    connect(port, &QSerialPort::aboutToClose, this, &Protocol::onAboutToClose);
 }
 
 void Protocol::begin(Transaction *transaction)
@@ -205,13 +210,24 @@ void Protocol::end(Transaction *transaction)
 
 void Protocol::send(Transaction *transaction)
 {
-    _port->write(packet(transaction->request()));
+    const QByteArray bytes = packet(transaction->request());
+    trace::sent(transaction->name(), transaction->payload().size(), bytes);
+    _port->write(bytes);
 }
 
 void Protocol::onErrorOccurred(QSerialPort::SerialPortError error)
 {
-    if (error != QSerialPort::NoError)
-        Q_EMIT errorOccured(_port->errorString());
+    if (error == QSerialPort::NoError)
+        return;
+    trace::failed(_port->errorString());
+    Q_EMIT errorOccured(_port->errorString());
+}
+
+/// Half a packet from before would swallow the first answers after the port is opened again.
+void Protocol::onAboutToClose()
+{
+    trace::closed(_port->portName());
+    _received.clear();
 }
 
 void Protocol::onTimeout()
@@ -219,6 +235,7 @@ void Protocol::onTimeout()
     auto *const transaction = qobject_cast<Transaction *>(sender());
     if (!transaction)
         return;
+    trace::timedOut(transaction->name());
     fail(transaction, Error::Timeout);
     end(transaction);
 }
@@ -238,17 +255,19 @@ void Protocol::findPacket()
 
 void Protocol::recvPacket(const QByteArray &body)
 {
+    trace::received(body);
     if (body.size() < key_offset || body[start_offset] != start_character)
-        return;
+        return trace::unexpected();
     if (body[direction_offset] == message_character)
         return recvMessage(body);
 
     const auto answered = std::find_if(_queue.cbegin(), _queue.cend(),
         [&body](const Transaction *transaction) { return transaction->checkResponse(body) >= 0; });
     if (answered == _queue.cend())
-        return;
+        return trace::unexpected();
     // The handler may begin further transactions, so nothing refers into the queue while it runs.
     Transaction *const transaction = *answered;
+    trace::answers(transaction->name());
     if (recvPacket(transaction, transaction->key(), body.sliced(transaction->checkResponse(body))))
         end(transaction);
 }

@@ -58,6 +58,11 @@ public:
     /// The request payload: empty at construction, filled by the request operation.
     void setPayload(const QByteArray &payload) { _payload = payload; }
 
+    [[nodiscard]] const QByteArray &payload() const { return _payload; }
+
+    /// The direction character of the request and the key, as "?V".
+    [[nodiscard]] QByteArray name() const;
+
     /// The body of the request: "*", the direction character, the key and the payload.
     [[nodiscard]] QByteArray request() const;
 
@@ -228,6 +233,8 @@ private:
 
     static const Exchange *exchangeOf(const QByteArray &key);
     static bool isOfItsClass(const Transaction *transaction);
+
+    void onAboutToClose();
 
     void send(Transaction *transaction);
 

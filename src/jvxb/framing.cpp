@@ -1,5 +1,7 @@
 #include "jvxb/framing.h"
 
+#include "jvxb/trace.h"
+
 #include <functional>
 #include <numeric>
 
@@ -47,14 +49,16 @@ std::optional<QByteArray> ReceiveBuffer::takeBody()
         case Front::Packet:
             return takeFrontBody();
         case Front::NoMagic:
-            drop(sizeBeforeMagic());
+            skip(sizeBeforeMagic(), "no magic");
             break;
         case Front::WrongHeaderChecksum:
+            skip(header::magic.size(), "header checksum");
+            break;
         case Front::ShortBody:
-            drop(header::magic.size());
+            skip(header::magic.size(), "body length");
             break;
         case Front::WrongBodyChecksum:
-            drop(header::size);
+            skip(header::size, "body checksum");
             break;
         }
     }
@@ -97,6 +101,12 @@ QByteArray ReceiveBuffer::takeFrontBody()
     QByteArray body = _bytes.sliced(header::size, length);
     drop(header::size + length);
     return body;
+}
+
+void ReceiveBuffer::skip(qsizetype count, const char *reason)
+{
+    trace::skipped(count, reason);
+    drop(count);
 }
 
 void ReceiveBuffer::drop(qsizetype count)

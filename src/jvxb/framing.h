@@ -64,6 +64,7 @@ private:
     [[nodiscard]] qsizetype sizeBeforeMagic() const;
     [[nodiscard]] quint8 checksum(qsizetype begin, qsizetype end) const;
     QByteArray takeFrontBody();
+    void skip(qsizetype count, const char *reason);
     void drop(qsizetype count);
 
     QByteArray _bytes;

@@ -1,0 +1,182 @@
+#include "console.h"
+#include "localfiles.h"
+#include "packets.h"
+#include "plainterminal.h"
+#include "simulatedterminal.h"
+#include "tool.h"
+
+#include <QRegularExpression>
+#include <QTest>
+
+#include <algorithm>
+
+/// The trace of the wire, which a user switches on to report a fault.
+class TraceTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void theRunIsTheSameWithIt();
+    void everythingThatPassesIsShown();
+    void bytesThatArePassedOverAreShownWithTheReason();
+    void anAnswerTimeThatRunsOutIsShown();
+    void aPortThatFailsIsShown();
+    void theTimesGoOnToTheMicrosecond();
+};
+
+namespace {
+
+const QStringList traced{QStringLiteral("QT_LOGGING_RULES=jvx.wire.debug=true")};
+
+/// The lines of \a errors; of those that belong to the trace, what follows the time.
+QByteArrayList traceIn(const QByteArray &errors)
+{
+    static const QRegularExpression line(QStringLiteral("^jvx\\.wire: \\d\\d:\\d\\d:\\d\\d\\.\\d{6} (.*)$"));
+    QByteArrayList lines;
+    for (const QByteArray &text : errors.trimmed().split('\n')) {
+        const auto match = line.match(QString::fromLocal8Bit(text));
+        lines += match.hasMatch() ? match.captured(1).toLocal8Bit() : text;
+    }
+    return lines;
+}
+
+/// The lines of \a trace that tell of bytes passed over.
+QByteArrayList skipsIn(const QByteArrayList &trace)
+{
+    QByteArrayList lines;
+    for (const QByteArray &line : trace) {
+        if (line.startsWith("skipped"))
+            lines += line;
+    }
+    return lines;
+}
+
+/// Gives the answers to the next requests, in turn; an empty one is none.
+void answer(PlainTerminal &terminal, const QByteArrayList &answers)
+{
+    for (const QByteArray &bytes : answers) {
+        QVERIFY(!terminal.request().isEmpty());
+        if (!bytes.isEmpty())
+            terminal.send(bytes);
+    }
+}
+
+} // namespace
+
+void TraceTest::theRunIsTheSameWithIt()
+{
+    Run runs[2];
+    QByteArrayList records[2];
+    for (const bool with : {false, true}) {
+        FilingTerminal terminal({QStringLiteral("--garbage"), QStringLiteral("5")});
+        const QString local = terminal.path(QStringLiteral("local.bin"));
+        files::store(local, files::sample(1300));
+        const QStringList options = argumentsOn(terminal.port(), "-w -f keys", local);
+        runs[with] = Tool(options, with ? traced : QStringList()).finish();
+        runs[with].output.replace(terminal.path({}).toLocal8Bit(), "");
+        records[with] = terminal.record();
+    }
+    QVERIFY(runs[0].errors.isEmpty());
+    QVERIFY(!runs[1].errors.isEmpty());
+    QCOMPARE(runs[1].code, 0);
+    QCOMPARE(runs[1].output, runs[0].output);
+    QCOMPARE(records[1], records[0]);
+}
+
+void TraceTest::everythingThatPassesIsShown()
+{
+    PlainTerminal terminal;
+    Tool tool(argumentsOn(terminal.port()), traced);
+    answer(terminal,
+        {packets::software_answer, packets::log_record + packets::hardware_answer,
+            packets::software_answer + packets::serial_number_answer, packets::mask_answer});
+    const Run run = tool.finish();
+    QCOMPARE(run.code, 0);
+    QCOMPARE(run.output, console::plainIdentificationParts(terminal.port()).join());
+    const QByteArray name = terminal.port().toLocal8Bit();
+    const QByteArrayList expected{
+        "port " + name + " opened",
+        "sent ?V, payload 0 B: 40 4a 56 58 00 00 00 00 01 00 00 00 03 00 43 45 2a 3f 56",
+        "body 25 B: 2a 23 56 3a 4a 56 58 3a 31 2e 32 3a 32 30 32 34 2d 30 35 2d 30 36 3a 65 6e",
+        "it answers ?V",
+        "sent ?H, payload 0 B: 40 4a 56 58 00 00 00 00 01 00 00 00 03 00 5d 5b 2a 3f 48",
+        "body 15 B: 2a 3e 4c 4f 47 0e 00 f1 53 65 fa 00 03 75 70",
+        "body 16 B: 2a 23 48 3a 42 48 52 3a 08 07 06 05 04 03 02 01",
+        "it answers ?H",
+        "sent ?S, payload 0 B: 40 4a 56 58 00 00 00 00 01 00 00 00 03 00 46 40 2a 3f 53",
+        "body 25 B: 2a 23 56 3a 4a 56 58 3a 31 2e 32 3a 32 30 32 34 2d 30 35 2d 30 36 3a 65 6e",
+        "nobody waits for it",
+        "body 19 B: 2a 23 53 3a 33 35 30 30 30 30 30 30 30 30 30 30 30 31 37",
+        "it answers ?S",
+        "sent !LOG, payload 4 B: 40 4a 56 58 00 00 00 00 01 00 00 00 09 00 0f 03 2a 21 4c 4f 47 00 40 00 00",
+        "body 9 B: 2a 40 4c 4f 47 00 40 00 00",
+        "it answers !LOG",
+        "port " + name + " closed",
+    };
+    QByteArrayList trace = traceIn(run.errors);
+    trace.removeAll("port error: Inappropriate ioctl for device"); // a pseudo-terminal has no line to raise
+    QCOMPARE(trace, expected);
+}
+
+void TraceTest::bytesThatArePassedOverAreShownWithTheReason()
+{
+    PlainTerminal terminal;
+    Tool tool(argumentsOn(terminal.port()), traced);
+    answer(terminal,
+        {"xyz" + packets::software_answer,
+            packets::withWrongHeaderSum(packets::software_answer) + packets::hardware_answer,
+            packets::header(2, 0) + "**" + packets::withWrongBodySum("*#S:1") + packets::serial_number_answer,
+            packets::mask_answer});
+    const Run run = tool.finish();
+    QCOMPARE(run.code, 0);
+    const QByteArrayList expected{
+        "skipped 3 B: no magic",
+        "skipped 4 B: header checksum",
+        "skipped 37 B: no magic", // the rest of the header, and the body
+        "skipped 4 B: body length",
+        "skipped 14 B: no magic",
+        "skipped 16 B: body checksum",
+        "skipped 5 B: no magic",
+    };
+    QCOMPARE(skipsIn(traceIn(run.errors)), expected);
+}
+
+void TraceTest::anAnswerTimeThatRunsOutIsShown()
+{
+    PlainTerminal terminal;
+    Tool tool(argumentsOn(terminal.port()), traced);
+    answer(terminal, {packets::software_answer, {}});
+    const Run run = tool.finish();
+    QCOMPARE(run.code, 255);
+    QCOMPARE(traceIn(run.errors).last(2),
+        QByteArrayList({"no answer to ?H in time", "port " + terminal.port().toLocal8Bit() + " closed"}));
+}
+
+void TraceTest::aPortThatFailsIsShown()
+{
+    PlainTerminal terminal;
+    Tool tool(argumentsOn(terminal.port()), traced);
+    answer(terminal, {packets::software_answer});
+    QVERIFY(tool.waitForOutput("Language"));
+    terminal.vanish();
+    const Run run = tool.finish();
+    QCOMPARE(run.code, 146);
+    const QByteArray reason = run.output.trimmed().split('\n').constLast().mid(qstrlen("Error: "));
+    QVERIFY(!reason.isEmpty());
+    QVERIFY2(traceIn(run.errors).contains("port error: " + reason), run.errors);
+}
+
+void TraceTest::theTimesGoOnToTheMicrosecond()
+{
+    const SimulatedTerminal terminal;
+    const Run run = Tool(argumentsOn(terminal.port()), traced).finish();
+    QByteArrayList times;
+    for (const QByteArray &line : run.errors.trimmed().split('\n'))
+        times += line.mid(qstrlen("jvx.wire: "), qstrlen("hh:mm:ss.zzzzzz"));
+    QVERIFY(times.size() > 10);
+    if (times.constFirst() < times.constLast()) // no midnight between them
+        QVERIFY(std::is_sorted(times.cbegin(), times.cend()));
+    QVERIFY(std::any_of(times.cbegin(), times.cend(), [](const QByteArray &time) { return !time.endsWith("000"); }));
+}
+
+QTEST_GUILESS_MAIN(TraceTest)
+#include "tst_trace.moc"
