@@ -22,6 +22,15 @@ inline QByteArray number(quint64 value, int size)
     return bytes;
 }
 
+/// \a size bytes of a file in which no piece of 512 bytes resembles another.
+inline QByteArray fileData(qsizetype size)
+{
+    QByteArray data(size, '\0');
+    for (qsizetype i = 0; i < size; ++i)
+        data[i] = static_cast<char>((i * 7 + i / 251 + i / 65536) & 0xFF);
+    return data;
+}
+
 /// A header with a right checksum that claims a body of \a length bytes with the checksum \a body_sum.
 inline QByteArray header(quint16 length, char body_sum)
 {

@@ -12,21 +12,23 @@ struct Row {
     int value;
     const char *key;
     const char *name;
+    const char *help; ///< line of the command line's help
 };
 
 constexpr auto catalogue = std::to_array<Row>({
-    {0, "settings", "Settings"},
-    {1, "firmware", "Firmware"},
-    {2, "keys", "Keys"},
-    {3, "road-acc", "Road accident"},
-    {4, "can-decode", "Can decode"},
-    {5, "tachograph-ddd", "Tachograph DDD"},
-    {6, "fls-firmware", "Firmware of fuel level sensor"},
-    {7, "complexevents", "ComplexEvents program"},
-    {8, "fls-archive", "Archive of fuel level sensor (Escort)"},
-    {9, "can-scripts", "Can scripts"},
-    {10, "epo", "EPO file"},
-    {11, "user-firmware", "User firmware"},
+    {0, "settings", "Settings", "    0 | settings        Settings"},
+    {1, "firmware", "Firmware", "    1 | firmware        Firmware"},
+    {2, "keys", "Keys", "    2 | keys            Keys"},
+    {3, "road-acc", "Road accident", "    3 | road-acc        Road accident"},
+    {4, "can-decode", "Can decode", "    4 | can-decode      Can decode"},
+    {5, "tachograph-ddd", "Tachograph DDD", "    5 | tachograph-ddd  Tachograph DDD"},
+    {6, "fls-firmware", "Firmware of fuel level sensor", "    6 | fls-firmware    Firmware of fuel level sensor"},
+    {7, "complexevents", "ComplexEvents program", "    7 | complexevents   ComplexEvents program"},
+    {8, "fls-archive", "Archive of fuel level sensor (Escort)",
+        "    8 | fls-archive     Archive of fuel level sensor (Escort)"},
+    {9, "can-scripts", "Can scripts", "    9 | can-scripts     Can scripts"},
+    {10, "epo", "EPO file", "    10 | epo            EPO file"},
+    {11, "user-firmware", "User firmware", "    11 | user-firmware  User firmware"},
 });
 
 void catalogueRows()
@@ -34,8 +36,10 @@ void catalogueRows()
     QTest::addColumn<int>("value");
     QTest::addColumn<QString>("key");
     QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("help");
     for (const Row &row : catalogue)
-        QTest::newRow(row.key) << row.value << QString::fromLatin1(row.key) << QString::fromLatin1(row.name);
+        QTest::newRow(row.key) << row.value << QString::fromLatin1(row.key) << QString::fromLatin1(row.name)
+                               << QString::fromLatin1(row.help);
 }
 
 QByteArray printed(File file)
@@ -66,7 +70,7 @@ private Q_SLOTS:
     void anyOtherTextIsUnknown_data();
     void anyOtherTextIsUnknown();
     void aDescriptionOutlivesACopy();
-    void aHelpLineHoldsNumberKeyAndName_data();
+    void aHelpLineHoldsNumberKeyAndName_data() { catalogueRows(); }
     void aHelpLineHoldsNumberKeyAndName();
     void aHelpLineIsPaddedOrCut_data();
     void aHelpLineIsPaddedOrCut();
@@ -148,23 +152,25 @@ void FileTest::theUnknownKindIsDescribed()
 
 void FileTest::theLowEightBitsOfANumberCount_data()
 {
+    QTest::addColumn<QString>("text");
     QTest::addColumn<int>("value");
-    QTest::newRow("256") << 0;
-    QTest::newRow("257") << 1;
-    QTest::newRow("267") << 11;
-    QTest::newRow("268") << 255;
-    QTest::newRow("511") << 255;
-    QTest::newRow("512") << 0;
-    QTest::newRow("65536") << 0;
-    QTest::newRow("2147483648") << 0;
-    QTest::newRow("4294967040") << 0;
-    QTest::newRow("4294967051") << 11;
-    QTest::newRow("4294967295") << 255;
+    const auto row = [](const char *text, int value) { QTest::newRow(text) << QString::fromLatin1(text) << value; };
+    row("256", 0);
+    row("257", 1);
+    row("267", 11);
+    row("268", 255);
+    row("511", 255);
+    row("512", 0);
+    row("65536", 0);
+    row("2147483648", 0);
+    row("4294967040", 0);
+    row("4294967051", 11);
+    row("4294967295", 255);
 }
 
 void FileTest::theLowEightBitsOfANumberCount()
 {
-    const QString text = QString::fromLatin1(QTest::currentDataTag());
+    QFETCH(QString, text);
     QTEST(static_cast<int>(FileInfo::info(text).file), "value");
 }
 
@@ -198,33 +204,10 @@ void FileTest::aDescriptionOutlivesACopy()
     QCOMPARE(info.name, QStringLiteral("Keys"));
 }
 
-void FileTest::aHelpLineHoldsNumberKeyAndName_data()
-{
-    QTest::addColumn<QString>("line");
-    constexpr auto lines = std::to_array<const char *>({
-        "    0 | settings        Settings",
-        "    1 | firmware        Firmware",
-        "    2 | keys            Keys",
-        "    3 | road-acc        Road accident",
-        "    4 | can-decode      Can decode",
-        "    5 | tachograph-ddd  Tachograph DDD",
-        "    6 | fls-firmware    Firmware of fuel level sensor",
-        "    7 | complexevents   ComplexEvents program",
-        "    8 | fls-archive     Archive of fuel level sensor (Escort)",
-        "    9 | can-scripts     Can scripts",
-        "    10 | epo            EPO file",
-        "    11 | user-firmware  User firmware",
-    });
-    for (const char *line : lines)
-        QTest::newRow(line) << QString::fromLatin1(line);
-}
-
 void FileTest::aHelpLineHoldsNumberKeyAndName()
 {
-    QFETCH(QString, line);
-    const int value = line.section(QLatin1Char('|'), 0, 0).toInt();
-    QCOMPARE(FileInfo::info(File{static_cast<quint8>(value)}).commandLineDescription(), line);
-    QCOMPARE(FileInfo::commandLineDescriptions().split(QLatin1Char('\n')).value(value), line);
+    QFETCH(int, value);
+    QTEST(FileInfo::info(File{static_cast<quint8>(value)}).commandLineDescription(), "help");
 }
 
 void FileTest::aHelpLineIsPaddedOrCut_data()
@@ -252,11 +235,8 @@ void FileTest::theHelpListsEveryValidKindInOrder()
 {
     QStringList lines;
     for (const Row &row : catalogue)
-        lines += FileInfo::info(File{static_cast<quint8>(row.value)}).commandLineDescription();
-    const QString help = FileInfo::commandLineDescriptions();
-    QCOMPARE(help.count(QLatin1Char('\n')), 11);
-    QCOMPARE(help, lines.join(QLatin1Char('\n')));
-    QVERIFY(help.startsWith(QStringLiteral("    0")));
+        lines += QString::fromLatin1(row.help);
+    QCOMPARE(FileInfo::commandLineDescriptions(), lines.join(QLatin1Char('\n')));
 }
 
 void FileTest::aKindIsPrintedWithItsNumber()
