@@ -2,12 +2,12 @@
 
 #include "faults.h"
 #include "terminal.h"
+#include "value.h"
 
 #include <QString>
 #include <QStringList>
 
 #include <chrono>
-#include <stdexcept>
 
 /// What the command line asks for.
 struct Options {
@@ -23,15 +23,6 @@ struct Options {
     bool returns = true;                          ///< whether the terminal comes back at all
     TerminalSettings terminal;
     FaultSettings faults;
-};
-
-/// A command line that cannot be obeyed; what() is one line of English.
-class UsageError : public std::runtime_error {
-public:
-    explicit UsageError(const QString &text)
-        : std::runtime_error(text.toStdString())
-    {
-    }
 };
 
 /// Reads the command line, program name first. Throws UsageError.

@@ -122,7 +122,8 @@ private Q_SLOTS:
     void theLastBytesComeBeforeTheDrop();
 
     void theLogFollowsTheMask();
-    void theMaskInForceComesBackAfterARestart();
+    void theInitialMaskComesBackAfterARestart_data();
+    void theInitialMaskComesBackAfterARestart();
     void theReportedMaskCanBeAnother();
     void theLogCanBeGluedAroundAnswers();
 
@@ -135,6 +136,14 @@ private Q_SLOTS:
     void faultOptionsReachTheLine();
     void aBadCommandLineIsRefused_data();
     void aBadCommandLineIsRefused();
+    void aRefusalNamesTheOptionAndTheReason_data();
+    void aRefusalNamesTheOptionAndTheReason();
+    void theRateOverridesThatOfTheTextsInAnyOrder_data();
+    void theRateOverridesThatOfTheTextsInAnyOrder();
+    void chanceAtTheTerminalAndOnTheLineDiffer();
+    void theHelpNamesWhatAUserNeeds_data();
+    void theHelpNamesWhatAUserNeeds();
+    void theHelpFitsInto80Columns();
 };
 
 void SimulatorTest::aRequestIsAnswered_data()
@@ -358,10 +367,12 @@ void SimulatorTest::theLastBytesComeBeforeTheDrop()
     TerminalSettings settings;
     settings.vanishing_keys = {QByteArray("S")};
     settings.last_bytes = QByteArray("@JVX");
-    Bench bench(settings);
-    bench.terminal.receive(ask_serial_number);
-    QCOMPARE(Bench::joined(bench.volunteered), QByteArray("@JVX"));
-    QCOMPARE(bench.dropped_off.count(), 1);
+    Terminal terminal(settings);
+    QByteArrayList events;
+    connect(&terminal, &Terminal::volunteered, &terminal, [&events](const QByteArray &bytes) { events.append(bytes); });
+    connect(&terminal, &Terminal::droppedOff, &terminal, [&events] { events.append("dropped off"); });
+    terminal.receive(ask_serial_number);
+    QCOMPARE(events, (QByteArrayList{"@JVX", "dropped off"}));
 }
 
 void SimulatorTest::theLogFollowsTheMask()
@@ -379,17 +390,30 @@ void SimulatorTest::theLogFollowsTheMask()
     QVERIFY(!bench.terminal.sendLogRecord());
 }
 
-void SimulatorTest::theMaskInForceComesBackAfterARestart()
+void SimulatorTest::theInitialMaskComesBackAfterARestart_data()
 {
+    QTest::addColumn<quint32>("initial");
+    QTest::addColumn<QByteArray>("set");
+    QTest::addColumn<bool>("logs_before");
+    QTest::newRow("none, then texts") << 0U << set_mask4000 << true;
+    QTest::newRow("texts, then none") << 0x4000U << set_mask0 << false;
+}
+
+void SimulatorTest::theInitialMaskComesBackAfterARestart()
+{
+    QFETCH(const quint32, initial);
+    QFETCH(const QByteArray, set);
+    QFETCH(const bool, logs_before);
     TerminalSettings settings;
+    settings.mask = initial;
     settings.vanishing_keys = {QByteArray("S")};
     Bench bench(settings);
-    bench.terminal.receive(set_mask4000);
-    QVERIFY(bench.terminal.sendLogRecord());
+    bench.terminal.receive(set);
+    QCOMPARE(bench.terminal.sendLogRecord(), logs_before);
     bench.terminal.receive(ask_serial_number);
     QVERIFY(!bench.terminal.sendLogRecord());
     bench.terminal.powerUp();
-    QVERIFY(!bench.terminal.sendLogRecord());
+    QCOMPARE(bench.terminal.sendLogRecord(), !logs_before);
 }
 
 void SimulatorTest::theReportedMaskCanBeAnother()
@@ -503,8 +527,16 @@ void SimulatorTest::optionsReachTheTerminal()
         QStringLiteral("--status=FR:3=30"), QStringLiteral("--foreign=FU:1"), QStringLiteral("--restart-junk=4a4A"),
         QStringLiteral("--restart-before-answer"), QStringLiteral("--files=/"), QStringLiteral("--mask-reply=0"),
         QStringLiteral("--log-rate=2.5"), QStringLiteral("--log-count=7"), QStringLiteral("--log-start=4294967295"),
-        QStringLiteral("--log-always")});
+        QStringLiteral("--log-always"), QStringLiteral("--software-version=2"), QStringLiteral("--date=3"),
+        QStringLiteral("--language=4"), QStringLiteral("--imei=5"), QStringLiteral("--until-eof"),
+        QStringLiteral("--record=r")});
     QCOMPARE(options.link, QStringLiteral("port"));
+    QCOMPARE(options.record, QStringLiteral("r"));
+    QVERIFY(options.until_eof);
+    QCOMPARE(options.terminal.software_version, QStringLiteral("2"));
+    QCOMPARE(options.terminal.date, QStringLiteral("3"));
+    QCOMPARE(options.terminal.language, QStringLiteral("4"));
+    QCOMPARE(options.terminal.imei, QStringLiteral("5"));
     QCOMPARE(options.terminal.name, QStringLiteral("Ä"));
     QCOMPARE(options.terminal.bhr, quint64{0x0102030405060708});
     QCOMPARE(options.terminal.mask, 0xFFFFFFFFU);
@@ -547,6 +579,94 @@ void SimulatorTest::aBadCommandLineIsRefused()
 {
     QFETCH(const QStringList, arguments);
     QVERIFY_THROWS_EXCEPTION(UsageError, parsed(arguments));
+}
+
+void SimulatorTest::aRefusalNamesTheOptionAndTheReason_data()
+{
+    QTest::addColumn<QString>("argument");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("0th read") << QStringLiteral("--status=FR:0=01")
+                              << QByteArray("bad value 'FR:0=01' of option --status: counting starts at 1");
+    QTest::newRow("0th write") << QStringLiteral("--foreign=FW:0")
+                               << QByteArray("bad value 'FW:0' of option --foreign: counting starts at 1");
+    QTest::newRow("0th packet") << QStringLiteral("--drop-at=0:after")
+                                << QByteArray("bad value '0:after' of option --drop-at: counting starts at 1");
+    QTest::newRow("a key that is none") << QStringLiteral("--silent=W")
+                                        << QByteArray("bad value 'W' of option --silent: the keys are V, H, S, FR, FW, "
+                                                      "FU, LOG");
+    QTest::newRow("a key not about files") << QStringLiteral("--status=V:1=30")
+                                           << QByteArray("bad value 'V:1=30' of option --status: the keys are FR, FW, "
+                                                         "FU");
+    QTest::newRow("one in 0") << QStringLiteral("--lose=0") << QByteArray("bad value '0' of option --lose");
+}
+
+void SimulatorTest::aRefusalNamesTheOptionAndTheReason()
+{
+    QFETCH(const QString, argument);
+    QFETCH(const QByteArray, line);
+    try {
+        parsed({argument});
+        QFAIL("accepted");
+    } catch (const UsageError &error) {
+        QCOMPARE(QByteArray(error.what()), line);
+    }
+}
+
+void SimulatorTest::theRateOverridesThatOfTheTextsInAnyOrder_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("milliseconds");
+    const QString texts = QStringLiteral("--log=/dev/null");
+    const QString rate = QStringLiteral("--log-rate=2");
+    QTest::newRow("texts alone") << QStringList{texts} << 100;
+    QTest::newRow("texts before rate") << QStringList{texts, rate} << 500;
+    QTest::newRow("rate before texts") << QStringList{rate, texts} << 500;
+}
+
+void SimulatorTest::theRateOverridesThatOfTheTextsInAnyOrder()
+{
+    QFETCH(const QStringList, arguments);
+    QFETCH(const int, milliseconds);
+    const LogSettings log = parsed(arguments).terminal.log;
+    QVERIFY(log.texts);
+    QCOMPARE(log.period, std::chrono::milliseconds(milliseconds));
+}
+
+void SimulatorTest::chanceAtTheTerminalAndOnTheLineDiffer()
+{
+    for (const Options &options : {parsed({}), parsed({QStringLiteral("--seed=7")})})
+        QVERIFY(options.terminal.seed != options.faults.seed);
+    QVERIFY(parsed({QStringLiteral("--seed=7")}).terminal.seed != parsed({}).terminal.seed);
+}
+
+void SimulatorTest::theHelpNamesWhatAUserNeeds_data()
+{
+    QTest::addColumn<QString>("text");
+    for (const char *text :
+        {"Usage: jvx-simulator --link <path> [options]\n", "\nPort:\n", "\nIdentity:\n", "\nFiles:\n", "\nAnswers:\n",
+            "\nLog:\n", "\nRestart:\n", "\nFaults:\n", "\n  --lose <n>                Lose one in N answers.\n",
+            "\n  --no-return               Never come back once dropped off the bus.\n", "\n  -h, --help  ",
+            "\n  -v, --version  ", "\nExit codes:\n  0  ", "\n  1  ", "\n  2  ", "\nExamples:\n  jvx-simulator --link ",
+            "\n  jvx-simulator --link /tmp/terminal --status FW:3=02"})
+        QTest::newRow(text) << QString::fromLatin1(text);
+    for (const QByteArray &key : Terminal::keys())
+        QTest::newRow("key " + key) << QStringLiteral("  %1  ").arg(QString::fromLatin1(key));
+}
+
+void SimulatorTest::theHelpNamesWhatAUserNeeds()
+{
+    QFETCH(const QString, text);
+    const Options options = parsed({QStringLiteral("--help")});
+    QCOMPARE(options.action, Options::Action::ShowHelp);
+    QVERIFY(options.help.contains(text));
+}
+
+void SimulatorTest::theHelpFitsInto80Columns()
+{
+    const QStringList lines = parsed({QStringLiteral("--help")}).help.split(QLatin1Char('\n'));
+    QVERIFY(lines.size() > 50);
+    for (const QString &line : lines)
+        QVERIFY2(line.size() <= 80 && !line.endsWith(QLatin1Char(' ')), qPrintable(line));
 }
 
 QTEST_GUILESS_MAIN(SimulatorTest)

@@ -17,7 +17,9 @@ const QByteArray magic("@JVX");
 
 // Not a correct packet, but the line only looks at where the body begins.
 const QByteArray packet("@JVX header body");
-const QByteArray answer = QByteArray("@JVX----------HB") + QByteArray(100, 'a') + QByteArray(100, 'b');
+const QByteArray header("@JVX----------HB");
+const QByteArray body = QByteArray(100, 'a') + QByteArray(100, 'b');
+const QByteArray answer = header + body;
 
 /// A line and what came out of it.
 struct Bench {
@@ -50,6 +52,12 @@ QByteArrayList sentAnswers(const FaultSettings &settings, int count)
     return bench.pieces();
 }
 
+/// Tells answers apart.
+QByteArray tag(int number)
+{
+    return '<' + QByteArray::number(number) + '>';
+}
+
 int wrongBits(QByteArrayView one, QByteArrayView other)
 {
     int bits = 0;
@@ -77,7 +85,7 @@ private Q_SLOTS:
     void garbageComesBeforeEveryPacket();
     void damageIsOneBit_data();
     void damageIsOneBit();
-    void faultsCanBeCombined();
+    void faultsShowAllTogether();
 };
 
 void SimulatorFaultsTest::aGoodLinePassesEverythingOnAtOnce()
@@ -233,23 +241,31 @@ void SimulatorFaultsTest::garbageComesBeforeEveryPacket()
 void SimulatorFaultsTest::damageIsOneBit_data()
 {
     QTest::addColumn<bool>("of_header");
-    QTest::newRow("header") << true;
-    QTest::newRow("body") << false;
+    QTest::addColumn<bool>("of_answer");
+    QTest::newRow("header of an answer") << true << true;
+    QTest::newRow("body of an answer") << false << true;
+    QTest::newRow("header of a message") << true << false;
+    QTest::newRow("body of a message") << false << false;
 }
 
 void SimulatorFaultsTest::damageIsOneBit()
 {
     QFETCH(const bool, of_header);
+    QFETCH(const bool, of_answer);
     FaultSettings settings;
     (of_header ? settings.damaged_headers : settings.damaged_bodies) = 1;
-    for (const QByteArray &sent : sentAnswers(settings, 500)) {
+    Bench bench(settings);
+    for (int i = 0; i < 500; ++i)
+        of_answer ? bench.line.sendAnswer(answer) : bench.line.sendMessage(answer);
+    QCOMPARE(bench.sent.count(), 500);
+    for (const QByteArray &sent : bench.pieces()) {
         QCOMPARE(sent.size(), answer.size());
-        QCOMPARE(wrongBits(sent.first(header_size), answer.first(header_size)), of_header ? 1 : 0);
-        QCOMPARE(wrongBits(sent.sliced(header_size), answer.sliced(header_size)), of_header ? 0 : 1);
+        QCOMPARE(wrongBits(sent.first(header_size), header), of_header ? 1 : 0);
+        QCOMPARE(wrongBits(sent.sliced(header_size), body), of_header ? 0 : 1);
     }
 }
 
-void SimulatorFaultsTest::faultsCanBeCombined()
+void SimulatorFaultsTest::faultsShowAllTogether()
 {
     FaultSettings settings;
     settings.latency = 1ms;
@@ -262,13 +278,34 @@ void SimulatorFaultsTest::faultsCanBeCombined()
     settings.late = 3;
     settings.lateness = 5ms;
     Bench bench(settings);
-    for (int i = 0; i < 50; ++i) {
-        bench.line.sendAnswer(answer);
-        bench.line.sendMessage(packet);
+    for (int number = 0; number < 50; ++number) {
+        bench.line.sendAnswer(header + tag(number) + body);
         bench.line.sendMessage(QByteArray("x"));
     }
+    QCOMPARE(bench.sent.count(), 50); // the messages; no answer comes at once
     QTRY_VERIFY_WITH_TIMEOUT(bench.line.isIdle(), 4 * patience);
-    QVERIFY(bench.pieces().join().contains(answer));
+    QVERIFY(!bench.pieces().contains(QByteArray("x"))); // but garbage before it
+
+    const QByteArray stream = bench.pieces().join();
+    QList<qsizetype> places;
+    qsizetype copies = 0;
+    int doubled = 0;
+    for (int number = 0; number < 50; ++number) {
+        const qsizetype count = stream.count(tag(number));
+        if (count > 0)
+            places.append(stream.indexOf(tag(number)));
+        copies += count;
+        doubled += count == 2 ? 1 : 0;
+    }
+    // One in three on average; a wrong bit in a tag hides an answer now and then.
+    QVERIFY2(places.size() > 20 && places.size() < 45, qPrintable(QString::number(places.size())));
+    QVERIFY2(doubled >= 5, qPrintable(QString::number(doubled)));
+    QVERIFY(!std::is_sorted(places.begin(), places.end()));
+    QVERIFY(bench.sent.count() > 50 + copies);
+    for (const QByteArray &part : {header, body}) {
+        const qsizetype undamaged = stream.count(part);
+        QVERIFY2(undamaged > 0 && undamaged < copies, qPrintable(QString::number(undamaged)));
+    }
 }
 
 QTEST_GUILESS_MAIN(SimulatorFaultsTest)
