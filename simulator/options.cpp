@@ -196,7 +196,7 @@ QString wrapped(const QString &text, qsizetype indent)
 
 QString helpOf(const Option &option)
 {
-    constexpr qsizetype indent = 28;
+    constexpr qsizetype indent = 30;
     QString head = QStringLiteral("  --") + latin(option.name);
     if (*option.value_name != '\0')
         head += QStringLiteral(" <%1>").arg(latin(option.value_name));
@@ -216,9 +216,9 @@ QString helpText()
             text += helpOf(option);
     }
     return text
-        + QStringLiteral("\nOther:\n"
-                         "  -h, --help                Show this help.\n"
-                         "  -v, --version             Show the version.\n"
+        + QStringLiteral("\nAbout:\n"
+                         "  -h, --help                  Show this help.\n"
+                         "  -v, --version               Show the version.\n"
                          "\n"
                          "Keys of requests:\n"
                          "  V    software version     FR  read a piece of a file\n"

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -36,9 +36,9 @@ auto retried(Call call)
 
 } // namespace
 
-PseudoTerminal::PseudoTerminal(QString link_path, QObject *parent)
+PseudoTerminal::PseudoTerminal(const QString &link_path, QObject *parent)
     : QObject(parent)
-    , _link_path(std::move(link_path))
+    , _name(link_path)
 {
     _drain_timer.setInterval(drain_poll_interval);
     connect(&_drain_timer, &QTimer::timeout, this, &PseudoTerminal::pollWhetherRead);
@@ -51,10 +51,12 @@ PseudoTerminal::~PseudoTerminal()
 
 bool PseudoTerminal::plug()
 {
-    if (!openMaster() || !openSlave() || !publish()) {
+    if (!openMaster() || !openSlave() || !watchSlave() || !publish()) {
         closeDescriptors();
         return false;
     }
+    _watch_notifier = std::make_unique<QSocketNotifier>(_watch, QSocketNotifier::Read);
+    connect(_watch_notifier.get(), &QSocketNotifier::activated, this, &PseudoTerminal::endClaim);
     _read_notifier = std::make_unique<QSocketNotifier>(_master, QSocketNotifier::Read);
     connect(_read_notifier.get(), &QSocketNotifier::activated, this, &PseudoTerminal::readAvailable);
     _write_notifier = std::make_unique<QSocketNotifier>(_master, QSocketNotifier::Write);
@@ -69,10 +71,11 @@ void PseudoTerminal::unplug()
     if (_master < 0)
         return;
     _drain_timer.stop();
+    _watch_notifier.reset();
     _read_notifier.reset();
     _write_notifier.reset();
     _outgoing.clear();
-    removeLink();
+    _name.withdraw();
     closeDescriptors();
     Q_EMIT unplugged();
 }
@@ -124,26 +127,20 @@ bool PseudoTerminal::openSlave()
     return true;
 }
 
+bool PseudoTerminal::watchSlave()
+{
+    _watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (_watch < 0 || ::inotify_add_watch(_watch, QFile::encodeName(_slave_path).constData(), IN_OPEN | IN_CLOSE) < 0)
+        return fail(QStringLiteral("cannot watch the pseudo-terminal's slave"));
+    return true;
+}
+
 bool PseudoTerminal::publish()
 {
-    const QByteArray link = QFile::encodeName(_link_path);
-    struct stat status { };
-    if (::lstat(link.constData(), &status) == 0 && !S_ISLNK(status.st_mode)) {
-        errno = EEXIST;
-        return fail(QStringLiteral("'%1' is not a symbolic link").arg(_link_path));
-    }
-
-    // Renaming replaces an old link in one step: at no moment is the name missing or half made.
-    const QByteArray fresh = link + '.' + QByteArray::number(::getpid());
-    const QByteArray target = QFile::encodeName(_slave_path);
-    if (::symlink(target.constData(), fresh.constData()) != 0)
-        return fail(QStringLiteral("cannot make the link '%1'").arg(_link_path));
-    if (::rename(fresh.constData(), link.constData()) != 0) {
-        fail(QStringLiteral("cannot make the link '%1'").arg(_link_path));
-        ::unlink(fresh.constData());
-        return false;
-    }
-    return true;
+    if (_name.publish(_slave_path))
+        return true;
+    _error_string = _name.errorString();
+    return false;
 }
 
 bool PseudoTerminal::fail(const QString &what)
@@ -154,19 +151,21 @@ bool PseudoTerminal::fail(const QString &what)
 
 void PseudoTerminal::closeDescriptors()
 {
-    if (_slave >= 0)
-        ::close(_slave);
-    if (_master >= 0)
-        ::close(_master);
-    _slave = -1;
-    _master = -1;
+    for (int *descriptor : {&_watch, &_slave, &_master}) {
+        if (*descriptor >= 0)
+            ::close(*descriptor);
+        *descriptor = -1;
+    }
 }
 
-void PseudoTerminal::removeLink() const
+/// Programs have opened or closed the port. If it was closed last, nobody holds it any more, but a claim would live on,
+/// because the slave is open on this side too.
+void PseudoTerminal::endClaim()
 {
-    // Another simulator may have taken the name over in the meantime.
-    if (QFile::symLinkTarget(_link_path) == _slave_path)
-        QFile::remove(_link_path);
+    inotify_event event{};
+    while (::read(_watch, &event, sizeof event) > 0) { }
+    if ((event.mask & IN_CLOSE) != 0)
+        ::ioctl(_slave, TIOCNXCL);
 }
 
 void PseudoTerminal::readAvailable()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "portname.h"
+
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QObject>
@@ -10,16 +12,20 @@
 #include <memory>
 
 /// The terminal's USB serial port: a pseudo-terminal under a fixed name, which is a symbolic link. Unplugging takes
-/// the name and the pseudo-terminal away, plugging brings a new one under the same name.
+/// the name and the pseudo-terminal away, plugging brings a new one under the same name. No other simulator can use the
+/// name as long as this object lives.
+///
+/// A program at the other end may claim the port for itself (TIOCEXCL). As with a real port, the claim ends with the
+/// program, however that ends.
 class PseudoTerminal : public QObject {
     Q_OBJECT
 
 public:
-    explicit PseudoTerminal(QString link_path, QObject *parent = nullptr);
+    explicit PseudoTerminal(const QString &link_path, QObject *parent = nullptr);
     ~PseudoTerminal() override;
 
-    /// Opens a pseudo-terminal in raw mode and publishes its name. An old symbolic link is replaced, anything else that
-    /// bears the name is left alone. Returns false on failure, errorString() then says why.
+    /// Opens a pseudo-terminal in raw mode and publishes its name. Returns false on failure, errorString() then says
+    /// why.
     bool plug();
 
     /// Takes the name away and closes the pseudo-terminal at once; bytes that are still queued are lost.
@@ -45,21 +51,24 @@ Q_SIGNALS:
 private:
     bool openMaster();
     bool openSlave();
+    bool watchSlave();
     bool publish();
     bool fail(const QString &what);
     void closeDescriptors();
-    void removeLink() const;
 
+    void endClaim();
     void readAvailable();
     void writeQueued();
     [[nodiscard]] bool isEverythingRead() const;
     void pollWhetherRead();
 
-    const QString _link_path;
+    PortName _name;
     QString _slave_path;
     QString _error_string;
     int _master = -1;
     int _slave = -1; ///< kept open: without any slave open the master would only report errors
+    int _watch = -1; ///< tells when a program opens or closes the slave
+    std::unique_ptr<QSocketNotifier> _watch_notifier;
     std::unique_ptr<QSocketNotifier> _read_notifier;
     std::unique_ptr<QSocketNotifier> _write_notifier;
     QByteArray _outgoing;

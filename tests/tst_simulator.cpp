@@ -644,8 +644,8 @@ void SimulatorTest::theHelpNamesWhatAUserNeeds_data()
     QTest::addColumn<QString>("text");
     for (const char *text :
         {"Usage: jvx-simulator --link <path> [options]\n", "\nPort:\n", "\nIdentity:\n", "\nFiles:\n", "\nAnswers:\n",
-            "\nLog:\n", "\nRestart:\n", "\nFaults:\n", "\n  --lose <n>                Lose one in N answers.\n",
-            "\n  --no-return               Never come back once dropped off the bus.\n", "\n  -h, --help  ",
+            "\nLog:\n", "\nRestart:\n", "\nFaults:\n", "\n  --lose <n>                  Lose one in N answers.\n",
+            "\n  --no-return                 Never come back once dropped off the bus.\n", "\n  -h, --help  ",
             "\n  -v, --version  ", "\nExit codes:\n  0  ", "\n  1  ", "\n  2  ", "\nExamples:\n  jvx-simulator --link ",
             "\n  jvx-simulator --link /tmp/terminal --status FW:3=02"})
         QTest::newRow(text) << QString::fromLatin1(text);

@@ -1,4 +1,5 @@
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -6,8 +7,12 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
@@ -58,6 +63,26 @@ private:
     int _descriptor;
 };
 
+/// Makes this process, which is to become another program, one to which the claims of others apply: a right that root
+/// has exempts it, and so root's programs would never find a claimed port busy.
+void dropExemption()
+{
+    ::prctl(PR_CAPBSET_DROP, CAP_SYS_ADMIN);
+}
+
+/// A program of a plain user.
+class PlainProcess : public QProcess {
+public:
+    PlainProcess() { setChildProcessModifier(dropExemption); }
+
+    /// Runs the program to its end and returns its exit code; -1 if there was none.
+    int codeOf(const QString &program, const QStringList &arguments)
+    {
+        start(program, arguments);
+        return waitForFinished(patience) && exitStatus() == NormalExit ? exitCode() : -1;
+    }
+};
+
 } // namespace
 
 class SimulatorProcessTest : public QObject {
@@ -71,8 +96,16 @@ private Q_SLOTS:
     void aMalformedRequestGivesExitCode1();
     void theNameGoesAwayAtTheEnd_data();
     void theNameGoesAwayAtTheEnd();
-    void anOldLinkIsReplaced();
-    void aRegularFileIsLeftAlone();
+    void aHeldNameIsRefused_data();
+    void aHeldNameIsRefused();
+    void theLinkOfAKilledSimulatorIsReplaced();
+    void whatIsNotItsOwnIsLeftAlone_data();
+    void whatIsNotItsOwnIsLeftAlone();
+    void aLinkThatTookThePlaceOfItsOwnIsLeftAlone_data();
+    void aLinkThatTookThePlaceOfItsOwnIsLeftAlone();
+    void aClaimEndsWithTheToolThatMadeIt_data();
+    void aClaimEndsWithTheToolThatMadeIt();
+    void aClaimHoldsAsLongAsItsHolder();
     void aUsageErrorGivesExitCode2();
     void aVanishedTerminalComesBackUnderTheSameName();
     void aTerminalMayStayAway();
@@ -84,7 +117,10 @@ private Q_SLOTS:
 
 private:
     void start(const QStringList &arguments = {});
+    void kill();
+    [[nodiscard]] QByteArray refusal();
     [[nodiscard]] QByteArray recorded() const;
+    [[nodiscard]] QStringList leftovers() const;
 
     std::unique_ptr<QTemporaryDir> _directory;
     std::unique_ptr<QProcess> _simulator;
@@ -106,6 +142,7 @@ void SimulatorProcessTest::cleanup()
     if (_simulator->state() != QProcess::NotRunning)
         QVERIFY(_simulator->waitForFinished(patience));
     QCOMPARE(_simulator->readAllStandardOutput(), QByteArray());
+    QCOMPARE(_simulator->readAllStandardError(), QByteArray());
 }
 
 void SimulatorProcessTest::start(const QStringList &arguments)
@@ -114,6 +151,30 @@ void SimulatorProcessTest::start(const QStringList &arguments)
         QStringList{QStringLiteral("--link"), _link, QStringLiteral("--record"), _record} + arguments);
     QVERIFY(_simulator->waitForStarted(patience));
     QTRY_VERIFY_WITH_TIMEOUT(recorded() == "# link up\n", patience);
+}
+
+/// Ends the simulator without giving it a chance to clean up, and forgets what it recorded.
+void SimulatorProcessTest::kill()
+{
+    _simulator->kill();
+    QVERIFY(_simulator->waitForFinished(patience));
+    QVERIFY(QFile::remove(_record));
+}
+
+/// What another simulator says that is refused the same name.
+QByteArray SimulatorProcessTest::refusal()
+{
+    QProcess other;
+    other.start(QStringLiteral(JVX_SIMULATOR), {QStringLiteral("--link"), _link});
+    if (!other.waitForFinished(patience) || other.exitStatus() != QProcess::NormalExit || other.exitCode() != 2)
+        return "not refused";
+    return other.readAllStandardError().replace(_link.toLocal8Bit(), "LINK");
+}
+
+/// The names that belong to the port.
+QStringList SimulatorProcessTest::leftovers() const
+{
+    return QDir(_directory->path()).entryList({QStringLiteral("port*")}, QDir::AllEntries | QDir::System);
 }
 
 QByteArray SimulatorProcessTest::recorded() const
@@ -152,45 +213,153 @@ void SimulatorProcessTest::aMalformedRequestGivesExitCode1()
 
 void SimulatorProcessTest::theNameGoesAwayAtTheEnd_data()
 {
-    QTest::addColumn<bool>("by_end_of_input");
-    QTest::newRow("SIGTERM") << false;
-    QTest::newRow("end of input") << true;
+    QTest::addColumn<int>("signal"); // 0: none, but the end of its input
+    QTest::newRow("SIGTERM") << SIGTERM;
+    QTest::newRow("SIGINT") << SIGINT;
+    QTest::newRow("SIGHUP") << SIGHUP;
+    QTest::newRow("end of input") << 0;
 }
 
 void SimulatorProcessTest::theNameGoesAwayAtTheEnd()
 {
-    QFETCH(const bool, by_end_of_input);
+    QFETCH(const int, signal);
     start({QStringLiteral("--until-eof")});
     QVERIFY(QFileInfo(_link).isSymbolicLink());
     _simulator->write("ignored");
-    if (by_end_of_input)
+    if (signal == 0)
         _simulator->closeWriteChannel();
     else
-        _simulator->terminate();
+        ::kill(static_cast<pid_t>(_simulator->processId()), signal);
     QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitStatus(), QProcess::NormalExit);
     QCOMPARE(_simulator->exitCode(), 0);
-    QVERIFY(!QFileInfo(_link).isSymbolicLink());
+    QCOMPARE(leftovers(), QStringList());
 }
 
-void SimulatorProcessTest::anOldLinkIsReplaced()
+void SimulatorProcessTest::aHeldNameIsRefused_data()
 {
-    QVERIFY(QFile::link(QStringLiteral("/nowhere"), _link));
+    QTest::addColumn<bool>("on_bus");
+    QTest::newRow("on the bus") << true;
+    QTest::newRow("off the bus") << false;
+}
+
+void SimulatorProcessTest::aHeldNameIsRefused()
+{
+    QFETCH(const bool, on_bus);
+    start({QStringLiteral("--restart=600"), QStringLiteral("--drop-at=2")});
+    const Port port(_link);
+    if (!on_bus) {
+        port.write(ask_serial_number + ask_serial_number);
+        QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n"), patience);
+    }
+    QCOMPARE(refusal(), QByteArray("jvx-simulator: 'LINK' is the port of another simulator that is running\n"));
+    QCOMPARE(QFileInfo(_link).isSymbolicLink(), on_bus);
+    if (on_bus) {
+        port.write(ask_serial_number);
+        QCOMPARE(port.read(serial_number.size()), serial_number);
+    }
+}
+
+void SimulatorProcessTest::theLinkOfAKilledSimulatorIsReplaced()
+{
     start();
-    QVERIFY(QFileInfo(_link).symLinkTarget().startsWith(QStringLiteral("/dev/pts/")));
+    kill();
+    QVERIFY(QFileInfo(_link).isSymbolicLink());
+    start();
+    const Port port(_link);
+    port.write(ask_serial_number);
+    QCOMPARE(port.read(serial_number.size()), serial_number);
+    _simulator->terminate();
+    QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(leftovers(), QStringList());
 }
 
-void SimulatorProcessTest::aRegularFileIsLeftAlone()
+void SimulatorProcessTest::whatIsNotItsOwnIsLeftAlone_data()
 {
-    QFile file(_link);
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("a file in the link's place")
+        << QStringLiteral("port") << QByteArray("jvx-simulator: 'LINK' is not a symbolic link\n");
+    QTest::newRow("a file in the lock's place")
+        << QStringLiteral("port.lock") << QByteArray("jvx-simulator: 'LINK.lock' is not a lock of this program\n");
+}
+
+void SimulatorProcessTest::whatIsNotItsOwnIsLeftAlone()
+{
+    QFETCH(const QString, name);
+    QFETCH(const QByteArray, line);
+    QFile file(_directory->filePath(name));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("precious");
     file.close();
-    _simulator->start(QStringLiteral(JVX_SIMULATOR), {QStringLiteral("--link"), _link});
-    QVERIFY(_simulator->waitForFinished(patience));
-    QCOMPARE(_simulator->exitCode(), 2);
-    QVERIFY(_simulator->readAllStandardError().contains("is not a symbolic link"));
+    QCOMPARE(refusal(), line);
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readAll(), QByteArray("precious"));
+    QCOMPARE(leftovers(), QStringList{name});
+}
+
+void SimulatorProcessTest::aLinkThatTookThePlaceOfItsOwnIsLeftAlone_data()
+{
+    QTest::addColumn<bool>("had_own");
+    QTest::newRow("none was there") << false;
+    QTest::newRow("its own was there") << true;
+}
+
+void SimulatorProcessTest::aLinkThatTookThePlaceOfItsOwnIsLeftAlone()
+{
+    QFETCH(const bool, had_own);
+    if (had_own) {
+        start();
+        kill();
+        QVERIFY(QFile::remove(_link));
+    }
+    QVERIFY(QFile::link(QStringLiteral("/dev/null"), _link));
+    QCOMPARE(refusal(), QByteArray("jvx-simulator: 'LINK' is a link to '/dev/null' that this program did not make\n"));
+    QCOMPARE(QFile::symLinkTarget(_link), QStringLiteral("/dev/null"));
+    QCOMPARE(leftovers(), QStringList{QStringLiteral("port")});
+}
+
+void SimulatorProcessTest::aClaimEndsWithTheToolThatMadeIt_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("SIGINT") << SIGINT;
+    QTest::newRow("SIGTERM") << SIGTERM;
+    QTest::newRow("SIGKILL") << SIGKILL;
+}
+
+void SimulatorProcessTest::aClaimEndsWithTheToolThatMadeIt()
+{
+    QFETCH(const int, signal);
+    start();
+    PlainProcess tool;
+    tool.start(QStringLiteral(JVX_LOADER), {QStringLiteral("-m"), QStringLiteral("-p"), _link});
+    QTRY_VERIFY_WITH_TIMEOUT(recorded().count('\n') == 5, patience); // identified, and its log mask is set
+    ::kill(static_cast<pid_t>(tool.processId()), signal);
+    QVERIFY(tool.waitForFinished(patience));
+    // The simulator needs a moment to see that the tool has gone.
+    PlainProcess next;
+    QTRY_COMPARE_WITH_TIMEOUT(next.codeOf(QStringLiteral(JVX_LOADER), {QStringLiteral("-p"), _link}), 0, patience);
+}
+
+void SimulatorProcessTest::aClaimHoldsAsLongAsItsHolder()
+{
+    const QString open = QStringLiteral("exec 3<>\"$0\"");
+    start();
+    PlainProcess other;
+    QCOMPARE(other.codeOf(QStringLiteral("sh"), {QStringLiteral("-c"), open, _link}), 0);
+
+    const QByteArray path = QFile::encodeName(_link);
+    QProcess holder;
+    holder.setChildProcessModifier([&path] { ::ioctl(::open(path.constData(), O_RDWR | O_NOCTTY), TIOCEXCL); });
+    holder.start(QStringLiteral("sleep"), {QStringLiteral("600")});
+    QVERIFY(holder.waitForStarted(patience));
+    QTest::qWait(100);
+    QCOMPARE(other.codeOf(QStringLiteral("sh"), {QStringLiteral("-c"), open, _link}), 2);
+    QVERIFY(other.readAllStandardError().contains("busy"));
+
+    holder.kill();
+    QVERIFY(holder.waitForFinished(patience));
+    QTRY_COMPARE_WITH_TIMEOUT(other.codeOf(QStringLiteral("sh"), {QStringLiteral("-c"), open, _link}), 0, patience);
 }
 
 void SimulatorProcessTest::aUsageErrorGivesExitCode2()
