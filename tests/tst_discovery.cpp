@@ -150,6 +150,7 @@ void DiscoveryTest::aNamedPortIsUsedUnasked_data()
         << Ports{terminalPort(0, "1-1"), {1, "1-2", "1234", "5678"}} << QStringLiteral("--port=%1");
     QTest::newRow("no USB port") << Ports{terminalPort(0, "1-1"), {1, "soc", nullptr, nullptr}}
                                  << QStringLiteral("--port=%1");
+    QTest::newRow("by its device file") << three << QStringLiteral("--port=/dev/%1");
 }
 
 void DiscoveryTest::aNamedPortIsUsedUnasked()
@@ -184,9 +185,11 @@ void DiscoveryTest::anEmptyNameStartsNoSearch()
 void DiscoveryTest::aWindowThatTheUserWantsIsWaitedFor()
 {
     const Testbed testbed({terminalPort(0, "1-1"), terminalPort(1, "1-2")});
-    const Run run = testbed.start({}, {QStringLiteral("QT_QPA_PLATFORM=offscreen")}).finish(2s);
-    QCOMPARE(run.output, QByteArray());
-    QCOMPARE(run.code, -2); // what is on standard error is a remark of the framework on its own plugin
+    // Nobody can look at this window, but for the framework, which tells of one that is shown to the user's helpers.
+    Tool tool = testbed.start({}, words("QT_QPA_PLATFORM=offscreen QT_LOGGING_RULES=qt.accessibility.cache=true"));
+    QVERIFY2(tool.waitForErrors("role=Dialog childc=3 obj=StringListSelectorDialog"), tool.errors().constData());
+    const Run run = tool.finish(1s);
+    QCOMPARE(run, fails(hung, run.errors));
 }
 
 void DiscoveryTest::withoutOptionsOnlyTheLogIsSwitchedOn()

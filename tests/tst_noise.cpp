@@ -317,8 +317,8 @@ QByteArray identification(const PlainTerminal &terminal)
     return console::plainIdentificationParts(terminal.port()).join();
 }
 
-/// Answers all requests until the log mask, the one with the number \a doubled twice, or each one of the key \a
-/// doubled. Returns the requests.
+/// Answers all requests up to the one for the log mask, which comes last: twice those for whose body and number, from 1
+/// on, \a isDoubled is true. Returns the requests.
 QByteArrayList serve(PlainTerminal &terminal, const std::function<bool(const QByteArray &, qsizetype)> &isDoubled)
 {
     QByteArrayList requests;

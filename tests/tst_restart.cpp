@@ -1,7 +1,7 @@
 #include "console.h"
 #include "localfiles.h"
 #include "plainterminal.h"
-#include "simulatedterminal.h"
+#include "restartingterminal.h"
 #include "tool.h"
 
 #include <QFileInfo>
@@ -27,44 +27,9 @@ private Q_SLOTS:
     void aStatusOfZeroCountsAsApplied();
     void firmwareThatRestartsUnansweredIsWaitedFor();
     void firmwareThatVanishesAtOnceIsAPortError();
-    void aTerminalThatNeverComesBackEndsTheRun();
 };
 
 namespace {
-
-/// A terminal that restarts, and what the tool says to it when it writes and applies a local file of nine bytes.
-class RestartingTerminal : public SimulatedTerminal {
-public:
-    explicit RestartingTerminal(const char *options = "")
-        : SimulatedTerminal(words(options))
-    {
-        files::store(local(), "123456789");
-    }
-
-    QString local() const { return path(QStringLiteral("local.bin")); }
-
-    /// Starts the tool, which is told to write and apply the file as \a kind.
-    Tool start(const char *kind) const
-    {
-        return Tool(argumentsOn(port(), "-w -a -f") + QStringList{QString::fromLatin1(kind), local()});
-    }
-
-    /// What the tool prints up to the answer to the apply.
-    QByteArray applying(const char *kind) const
-    {
-        return console::identification(port()) + console::writing(local(), kind) + console::progress(9)
-            + console::written() + console::applying(kind);
-    }
-
-    /// What the tool prints until it waits for the terminal.
-    QByteArray applied(const char *kind) const
-    {
-        return applying(kind) + console::completed() + console::waiting(port());
-    }
-
-    /// A whole run that waits for the terminal once, and finds it.
-    Run restarts(const char *kind) const { return exits(0, applied(kind) + console::opened(port())); }
-};
 
 /// Takes pseudo-terminals until it has the one that \a path has named, which has become free, or until \a isTooLate.
 class PseudoTerminalSquatter {
@@ -187,20 +152,6 @@ void RestartTest::firmwareThatVanishesAtOnceIsAPortError()
     RestartingTerminal terminal("--vanish FU");
     const Run run = terminal.start("firmware").finish();
     QCOMPARE(withoutReason(run), exits(256 - 110, terminal.applying("firmware") + "Error: ...\n"));
-}
-
-void RestartTest::aTerminalThatNeverComesBackEndsTheRun()
-{
-    RestartingTerminal terminal("--no-return");
-    const Run run = terminal.start("settings").finish(120s);
-    QByteArray countdown;
-    for (int seconds = 60; seconds > 0; --seconds)
-        countdown += "\r" + QByteArray::number(seconds) + " secs";
-    QCOMPARE(run,
-        exits(256 - 112,
-            terminal.applied("settings") + countdown + "\r              \nError: Failed to open serial port "
-                + terminal.port().toLocal8Bit() + ": \n"));
-    QVERIFY2(run.milliseconds >= 65'100, QByteArray::number(run.milliseconds).constData());
 }
 
 QTEST_GUILESS_MAIN(RestartTest)

@@ -331,7 +331,8 @@ void RunScriptTest::standardInputIsTheCallers()
     Tool tool = testbed.start(
         {QStringLiteral("-c"), QStringLiteral("exec \"$0\" -m <\"$1\""), script, input}, {}, QStringLiteral("sh"));
     QVERIFY(tool.waitForOutput("IMEI"));
-    const QString port = announcedPort(tool.waitForErrorLine());
+    QVERIFY(tool.waitForErrors("\n"));
+    const QString port = announcedPort(tool.errors());
     const pid_t process = processOn(port);
     QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/0").arg(process)), input);
     ::kill(process, SIGTERM);
@@ -354,7 +355,8 @@ void RunScriptTest::theSimulatedTerminalEndsWithTheTool()
     const QStringList options = end == End::ByItself ? QStringList() : QStringList{QStringLiteral("-m")};
     Tool tool = testbed.start(options, {}, script);
     QVERIFY(tool.waitForOutput("IMEI"));
-    const QString port = announcedPort(tool.waitForErrorLine());
+    QVERIFY(tool.waitForErrors("\n"));
+    const QString port = announcedPort(tool.errors());
     QVERIFY(!port.isEmpty());
     if (end == End::InterruptOfAll)
         tool.signalAll(SIGINT);

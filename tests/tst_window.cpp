@@ -11,6 +11,7 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QVBoxLayout>
 
@@ -47,7 +48,8 @@ public:
         _server.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
         _server.start(QStringLiteral("Xvfb"),
             {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
-                QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+                QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
+                QStringLiteral("-nolisten"), QStringLiteral("unix")}); // at a name that is no file
         while (!_server.canReadLine() && _server.waitForReadyRead()) { }
         _display = ":" + _server.readLine().trimmed();
         if (_display == ":")
@@ -128,7 +130,7 @@ public:
             _id = QString::fromLatin1(xdotool(search).split('\n').constFirst());
         }
         if (_id.isEmpty())
-            qWarning("no window appeared");
+            QTest::qFail("no window appeared", __FILE__, __LINE__);
         else
             xdotool({QStringLiteral("windowfocus"), _id});
     }
@@ -198,8 +200,7 @@ QStringList onDisplay()
 void perform(const QString &actions, const ShownWindow &window, const ExpectedWindow &expected)
 {
     // The user acts on what can be seen.
-    if (!QTest::qWaitFor([&] { return window.image() == expected.image; }, 10'000))
-        qWarning("the window is not as expected");
+    QVERIFY2(QTest::qWaitFor([&] { return window.image() == expected.image; }, 10'000), "the window looks different");
     for (const QString &action : actions.split(QLatin1Char(' '))) {
         bool is_row = false;
         const int row = action.toInt(&is_row);
@@ -232,8 +233,9 @@ void WindowTest::init()
 void WindowTest::theWindowShowsThePromptAndTheCandidates_data()
 {
     QTest::addColumn<QList<FakedPort>>("ports");
-    QTest::newRow("two") << two_ports;
-    QTest::newRow("three") << three_ports;
+    QTest::addColumn<QString>("picture");
+    QTest::newRow("two") << two_ports << QStringLiteral("port-selection-two.png");
+    QTest::newRow("three") << three_ports << QStringLiteral("port-selection-three.png");
 }
 
 void WindowTest::theWindowShowsThePromptAndTheCandidates()
@@ -245,7 +247,7 @@ void WindowTest::theWindowShowsThePromptAndTheCandidates()
     const ShownWindow window;
     QTRY_COMPARE(window.image(), expected.image);
     QCOMPARE(window.title(), QByteArray("JVX file loader"));
-    const QString picture = QStringLiteral("port-selection-%1.png").arg(QLatin1String(QTest::currentDataTag()));
+    QFETCH(QString, picture);
     QVERIFY(window.image().save(QCoreApplication::applicationDirPath() + QLatin1Char('/') + picture));
     window.hit(QStringLiteral("Escape"));
     QCOMPARE(tool.finish(), exits(256 - 103, "Serial port is not selected\n"));
@@ -348,6 +350,8 @@ void WindowTest::nobodyIsAskedWithoutNeed()
 int main(int argc, char *argv[])
 {
     const DisplayServer server;
+    const QTemporaryDir directory;
+    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework makes one, for ever
     qputenv("DISPLAY", server.display());
     qputenv("QT_QPA_PLATFORM", "xcb");
     qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:"); // else the framework looks for one, in a library that leaks

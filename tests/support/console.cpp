@@ -22,8 +22,8 @@ QByteArrayList identificationParts(const QString &port)
 
 QByteArrayList plainIdentificationParts(const QString &port)
 {
-    return {checking(port), "\nDevice: JVX\nVersion: 1.2\nDate: 2024-05-06\nLanguage: en\n",
-        "BHR: 0x102030405060708\n", "IMEI: 350000000000017\n\n"};
+    return {checking(port), "\nDevice: JVX\nVersion: 1.2\nDate: 2024-05-06\nLanguage: en\n", "BHR: 0x102030405060708\n",
+        "IMEI: 350000000000017\n\n"};
 }
 
 QByteArray reading(const QByteArray &kind)

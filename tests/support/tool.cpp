@@ -1,5 +1,6 @@
 #include "tool.h"
 
+#include <QDeadlineTimer>
 #include <QProcessEnvironment>
 #include <QTest>
 
@@ -9,12 +10,15 @@
 
 namespace {
 
-QProcessEnvironment surroundings(const QStringList &changes)
+constexpr auto patience = 10s;
+
+QProcessEnvironment surroundings(const QString &temporary_files, const QStringList &changes)
 {
     QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
     for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE", "QT_QPA_PLATFORM", "LANGUAGE"})
         variables.remove(QString::fromLatin1(name));
     variables.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    variables.insert(QStringLiteral("TMPDIR"), temporary_files);
     for (const QString &change : changes) {
         const QString name = change.section(QLatin1Char('='), 0, 0);
         if (change.contains(QLatin1Char('=')))
@@ -39,7 +43,7 @@ Tool::Tool(const QStringList &arguments, const QStringList &environment)
 
 Tool::Tool(const QString &program, const QStringList &arguments, const QStringList &environment)
 {
-    _process.setProcessEnvironment(surroundings(environment));
+    _process.setProcessEnvironment(surroundings(_directory.path(), environment));
     _process.setStandardInputFile(QProcess::nullDevice());
     _process.setChildProcessModifier([] {
         ::setpgid(0, 0);
@@ -66,35 +70,17 @@ void Tool::signalAll(int number) const
 
 bool Tool::waitForOutput(const QByteArray &text)
 {
-    QElapsedTimer waiting;
-    waiting.start();
-    while (!_output.contains(text) && waiting.elapsed() < 10'000) {
-        _process.waitForReadyRead(50);
-        readAll();
-    }
-    return _output.contains(text);
+    return waitFor([&] { return _output.contains(text); }, patience);
 }
 
 bool Tool::waitForOutputOf(qsizetype size, std::chrono::milliseconds limit)
 {
-    QElapsedTimer waiting;
-    waiting.start();
-    while (_output.size() < size && waiting.elapsed() < limit.count()) {
-        _process.waitForReadyRead(50);
-        readAll();
-    }
-    return _output.size() >= size;
+    return waitFor([&] { return _output.size() >= size; }, limit);
 }
 
-QByteArray Tool::waitForErrorLine()
+bool Tool::waitForErrors(const QByteArray &text)
 {
-    QElapsedTimer waiting;
-    waiting.start();
-    while (!_errors.contains('\n') && waiting.elapsed() < 10'000) {
-        _process.waitForReadyRead(50);
-        readAll();
-    }
-    return _errors;
+    return waitFor([&] { return _errors.contains(text); }, patience);
 }
 
 bool Tool::hasEnded()
@@ -124,6 +110,17 @@ Run Tool::stop()
 {
     _process.terminate();
     return finish();
+}
+
+/// Reads what the tool writes until \a isEnough, and returns whether it was within \a limit.
+bool Tool::waitFor(const std::function<bool()> &isEnough, std::chrono::milliseconds limit)
+{
+    const QDeadlineTimer deadline(limit);
+    while (!isEnough() && !deadline.hasExpired()) {
+        _process.waitForReadyRead(50);
+        readAll();
+    }
+    return isEnough();
 }
 
 void Tool::readAll()

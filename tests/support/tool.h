@@ -8,8 +8,10 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 #include <chrono>
+#include <functional>
 
 using namespace std::chrono_literals;
 
@@ -43,8 +45,11 @@ public:
     /// Waits until standard output holds \a size bytes, and returns whether it did within \a limit.
     bool waitForOutputOf(qsizetype size, std::chrono::milliseconds limit);
 
-    /// Waits until standard error holds a line, and returns all that it holds; empty if there is none within 10 s.
-    QByteArray waitForErrorLine();
+    /// Waits until standard error holds \a text, and returns whether it did within 10 s.
+    bool waitForErrors(const QByteArray &text);
+
+    /// What standard error holds, as far as somebody has waited for it.
+    QByteArray errors() const { return _errors; }
 
     /// Whether the run is over already; looks for a moment.
     bool hasEnded();
@@ -56,8 +61,10 @@ public:
     [[nodiscard]] Run stop();
 
 private:
+    bool waitFor(const std::function<bool()> &isEnough, std::chrono::milliseconds limit);
     void readAll();
 
+    const QTemporaryDir _directory; ///< where the tool and the framework put what they need for a while
     QProcess _process;
     QByteArray _output;
     QByteArray _errors;
