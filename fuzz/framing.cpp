@@ -1,7 +1,7 @@
 // The search for packets in any bytes that come in any pieces, beside a search step by step.
 
 #include "jvxb/framing.h"
-#include "model.h"
+#include "slowsearch.h"
 #include "target.h"
 
 #include <ctime>
@@ -41,7 +41,7 @@ private:
     }
 
     jvxb::ReceiveBuffer _buffer;
-    model::Stream _stream;
+    SlowSearch _stream;
     qsizetype _piece_size = 0;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "packets.h"
+#include "slowsearch.h"
 
 #include <QByteArray>
 #include <QByteArrayList>
@@ -31,47 +32,6 @@ inline QByteArray request(const QByteArray &body)
         + packets::number(static_cast<quint64>(body.size()), 2) + packets::exclusiveOr(body);
     return bytes.append(packets::exclusiveOr(bytes)) + body;
 }
-
-/// The bytes that have come in, and the bodies in them.
-class Stream {
-public:
-    void append(const QByteArray &bytes) { _bytes += bytes; }
-    void clear() { _bytes.clear(); }
-
-    /// Searches for the next packet and returns its body; nothing when the bytes that have come do not hold any.
-    std::optional<QByteArray> takeBody()
-    {
-        constexpr qsizetype header_size = 16;
-        while (_bytes.size() >= header_size) {
-            const qsizetype start = _bytes.indexOf("@JVX");
-            if (start < 0) {
-                _bytes.clear();
-                break;
-            }
-            _bytes.remove(0, start);
-            if (_bytes.size() < header_size)
-                break;
-            const auto length = static_cast<qsizetype>(numberAt(_bytes, 12, 2));
-            if (packets::exclusiveOr(_bytes.first(15)) != _bytes[15] || length <= 2) {
-                _bytes.remove(0, 4);
-                continue;
-            }
-            if (_bytes.size() < header_size + length)
-                break;
-            const char announced = _bytes[14];
-            _bytes.remove(0, header_size);
-            const QByteArray body = _bytes.first(length);
-            if (packets::exclusiveOr(body) != announced)
-                continue;
-            _bytes.remove(0, length);
-            return body;
-        }
-        return {};
-    }
-
-private:
-    QByteArray _bytes;
-};
 
 // One line of text for each signal: its name, then its arguments.
 inline QByteArray text(qint64 value)
@@ -302,7 +262,7 @@ private:
         return true;
     }
 
-    Stream _stream;
+    SlowSearch _stream;
     QList<std::shared_ptr<Request>> _pending; ///< oldest first
     bool _is_open = true;
 };

@@ -3,64 +3,54 @@
 #include "packets.h"
 
 #include <QByteArray>
-#include <QByteArrayList>
 
-/// The search for packets once more, rule by rule and without regard to speed.
+#include <optional>
+
+/// The search for packets once more, rule by rule as docs/protocol.md has them and without regard to speed.
 class SlowSearch {
 public:
-    QByteArrayList bodies; ///< of the packets found so far
+    void append(const QByteArray &bytes) { _bytes.append(bytes); }
+    void clear() { _bytes.clear(); }
 
-    void receive(const QByteArray &bytes)
+    /// Takes the body of the next packet out; nothing when the bytes that have come do not hold any.
+    std::optional<QByteArray> takeBody()
     {
-        _buffer.append(bytes);
-        while (makesProgress()) { }
+        while (_bytes.size() >= header_size) {
+            const qsizetype start = _bytes.indexOf("@JVX");
+            if (start < 0) {
+                _bytes.clear();
+                break;
+            }
+            _bytes.remove(0, start);
+            if (_bytes.size() < header_size)
+                break;
+            if (!headerIsRight()) {
+                _bytes.remove(0, 4);
+                continue;
+            }
+            const qsizetype size = length();
+            if (_bytes.size() < header_size + size)
+                break;
+            const char sum = _bytes[14];
+            _bytes.remove(0, header_size);
+            const QByteArray body = _bytes.first(size);
+            if (packets::exclusiveOr(body) != sum)
+                continue;
+            _bytes.remove(0, size);
+            return body;
+        }
+        return {};
     }
 
 private:
     static constexpr qsizetype header_size = 16;
 
-    bool makesProgress()
-    {
-        if (_buffer.size() < header_size || !magicIsAtTheStart() || _buffer.size() < header_size)
-            return false;
-        if (!headerIsRight()) {
-            _buffer.remove(0, 4);
-            return true;
-        }
-        if (_buffer.size() < header_size + length())
-            return false;
-        takePacket();
-        return true;
-    }
-
-    bool magicIsAtTheStart()
-    {
-        const qsizetype position = _buffer.indexOf("@JVX");
-        if (position < 0)
-            _buffer.clear();
-        else
-            _buffer.remove(0, position);
-        return position >= 0;
-    }
-
-    bool headerIsRight() const { return packets::exclusiveOr(_buffer.first(15)) == _buffer[15] && length() > 2; }
+    bool headerIsRight() const { return packets::exclusiveOr(_bytes.first(15)) == _bytes[15] && length() > 2; }
 
     qsizetype length() const
     {
-        return static_cast<unsigned char>(_buffer[12]) + 256 * static_cast<unsigned char>(_buffer[13]);
+        return static_cast<unsigned char>(_bytes[12]) + 256 * static_cast<unsigned char>(_bytes[13]);
     }
 
-    void takePacket()
-    {
-        const qsizetype size = length();
-        const char sum = _buffer[14];
-        _buffer.remove(0, header_size);
-        const QByteArray body = _buffer.first(size);
-        if (packets::exclusiveOr(body) != sum)
-            return;
-        bodies.append(body);
-        _buffer.remove(0, size);
-    }
-
-    QByteArray _buffer;
+    QByteArray _bytes;
 };

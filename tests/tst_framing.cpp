@@ -22,12 +22,13 @@ const QByteArray software_body = "*#V:JVX:1.2:2024-05-06:en";
 const QByteArray hardware_body = QByteArray("*#H:BHR:\x08\x07\x06\x05\x04\x03\x02\x01");
 const QByteArray serial_number_body = "*#S:350000000000017";
 
-/// A receive buffer and all bodies that came out of it.
-struct Receiver {
+/// A search for packets and all bodies that came out of it.
+template <typename Search>
+struct Collector {
     void receive(const QByteArray &bytes)
     {
-        buffer.append(bytes);
-        while (const std::optional<QByteArray> body = buffer.takeBody())
+        search.append(bytes);
+        while (const std::optional<QByteArray> body = search.takeBody())
             bodies.append(*body);
     }
 
@@ -37,9 +38,11 @@ struct Receiver {
             receive(bytes.mid(begin, size));
     }
 
-    jvxb::ReceiveBuffer buffer;
+    Search search;
     QByteArrayList bodies;
 };
+
+using Receiver = Collector<jvxb::ReceiveBuffer>;
 
 /// \a unit as often as it fits into \a size bytes.
 QByteArray filledWith(const QByteArray &unit, qsizetype size)
@@ -487,7 +490,7 @@ void FramingTest::whatWasClearedDoesNotComeBack()
 {
     Receiver receiver;
     receiver.receive(packets::software_answer.chopped(1));
-    receiver.buffer.clear();
+    receiver.search.clear();
     receiver.receive(packets::software_answer.last(1) + packets::hardware_answer);
     QCOMPARE(receiver.bodies, QByteArrayList{hardware_body});
 }
@@ -504,7 +507,7 @@ void FramingTest::aBadLineIsReadAsTheRulesSay()
 {
     QFETCH(quint32, seed);
     BadLine line(seed);
-    SlowSearch model;
+    Collector<SlowSearch> model;
     Receiver receiver;
     for (int read = 0; read < 1000; ++read) {
         QByteArray bytes;
