@@ -3,8 +3,10 @@
 #include "protocolbench.h"
 #include "stdoutput.h"
 
+#include <QEventLoop>
 #include <QPointer>
 #include <QTest>
+#include <QTimer>
 
 #include <functional>
 
@@ -323,9 +325,11 @@ void ProtocolTest::anAnswerWithoutARequestIsIgnored()
     ProtocolBench bench;
     bench.port.deliver(packets::software_answer + packets::mask_answer);
     QCOMPARE(bench.results, QByteArrayList{});
-    bench.protocol.readSoftVersion();
-    bench.protocol.logEnable(1);
-    QTest::qWait(50);
+    bench.protocol.begin(newAsk(bench.protocol, "V"));
+    bench.protocol.begin(newCommand(bench.protocol, "LOG"));
+    QEventLoop loop;
+    QTimer::singleShot(50, &loop, &QEventLoop::quit); // behind any earlier timer, however late the machine is
+    loop.exec();
     bench.port.deliver(packets::log_record);
     QCOMPARE(bench.results, QByteArrayList{});
     QCOMPARE(bench.pending().size(), 2);
