@@ -160,7 +160,7 @@ void PseudoTerminal::closeDescriptors()
 
 /// Programs have opened or closed the port. If it was closed last, nobody holds it any more, but a claim would live on,
 /// because the slave is open on this side too.
-void PseudoTerminal::endClaim()
+void PseudoTerminal::endClaim() const
 {
     inotify_event event{};
     while (::read(_watch, &event, sizeof event) > 0) { }

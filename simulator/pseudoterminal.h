@@ -56,7 +56,7 @@ private:
     bool fail(const QString &what);
     void closeDescriptors();
 
-    void endClaim();
+    void endClaim() const;
     void readAvailable();
     void writeQueued();
     [[nodiscard]] bool isEverythingRead() const;
