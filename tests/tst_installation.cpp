@@ -11,7 +11,11 @@ private Q_SLOTS:
     void noFileKnowsTheBuildTree();
     void theExecutablesRun_data();
     void theExecutablesRun();
+    void softwareCentresAcceptTheDescription();
+    void theDescriptionIsOfThisVersion();
 };
+
+static const QString metainfo = QStringLiteral("share/metainfo/invalid.jvx.jvx_loader.metainfo.xml");
 
 void TestInstallation::everyFileHasItsPlace_data()
 {
@@ -28,11 +32,15 @@ void TestInstallation::everyFileHasItsPlace()
         prefix + QStringLiteral("/bin/jvx-loader"),
         prefix + QStringLiteral("/bin/jvx-simulator"),
         prefix + QStringLiteral("/lib/udev/rules.d/70-jvx-loader.rules"),
+        prefix + QStringLiteral("/share/bash-completion/completions/jvx-loader"),
         doc + QStringLiteral("CHANGELOG.md"),
         doc + QStringLiteral("LICENSE"),
         doc + QStringLiteral("README.md"),
+        prefix + QStringLiteral("/share/fish/vendor_completions.d/jvx-loader.fish"),
         prefix + QStringLiteral("/share/man/man1/jvx-loader.1"),
         prefix + QStringLiteral("/share/man/man1/jvx-simulator.1"),
+        prefix + QStringLiteral("/share/metainfo/invalid.jvx.jvx_loader.metainfo.xml"),
+        prefix + QStringLiteral("/share/zsh/site-functions/_jvx-loader"),
     };
     QStringList files = Installation(prefix).files();
     files.removeIf([&](const QString &file) { return file.startsWith(doc + QStringLiteral("docs/")); });
@@ -80,6 +88,27 @@ void TestInstallation::theExecutablesRun()
         {QStringLiteral("QT_QPA_PLATFORM=minimal")});
     QCOMPARE(ended.code, 0);
     QCOMPARE(ended.output, version);
+}
+
+void TestInstallation::softwareCentresAcceptTheDescription()
+{
+    const Installation installation(QStringLiteral("/usr"));
+    const Ended validation = run({QStringLiteral("appstreamcli"), QStringLiteral("validate"),
+        QStringLiteral("--no-net"), QStringLiteral("--no-color"), installation.path(metainfo)});
+    QVERIFY2(validation.code == 0, qPrintable(validation.output));
+    QVERIFY2(!validation.output.contains(QStringLiteral("\nW:")), qPrintable(validation.output));
+}
+
+void TestInstallation::theDescriptionIsOfThisVersion()
+{
+    const Installation installation(QStringLiteral("/usr"));
+    const QString text = QString::fromUtf8(contentOf(installation.path(metainfo)));
+    QCOMPARE(text.section(QStringLiteral("<release version=\""), 1, 1).section(QLatin1Char('"'), 0, 0),
+        QStringLiteral(JVX_VERSION));
+    for (const QString &file : installation.files().filter(QStringLiteral("/bin/")))
+        QVERIFY2(
+            text.contains(QStringLiteral("<binary>%1</binary>").arg(QFileInfo(file).fileName())), qPrintable(file));
+    QVERIFY(text.contains(QStringLiteral("<modalias>usb:v03EBp6124d*</modalias>")));
 }
 
 QTEST_GUILESS_MAIN(TestInstallation)

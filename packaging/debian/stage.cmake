@@ -16,6 +16,7 @@ execute_process(
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/copyright ${doc}/copyright COPYONLY)
 file(REMOVE ${doc}/LICENSE) # its text is in the copyright file
+file(RENAME ${share}/zsh/site-functions ${share}/zsh/vendor-completions)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/lintian-overrides ${share}/lintian/overrides/jvx-loader COPYONLY)
 
 # Whatever the umask of the build is.
