@@ -78,6 +78,7 @@ private Q_SLOTS:
     void aMisuseIsExplainedOnStandardError();
     void theSurroundingsMakeNoDifference_data();
     void theSurroundingsMakeNoDifference();
+    void aWaylandDisplayThatDoesNotAnswerMakesNoDifference();
     void theFrameworkMayBeDebugged();
     void aFullDiskBehindTheOutputIsIgnored();
 };
@@ -340,6 +341,15 @@ void CommandLineTest::theSurroundingsMakeNoDifference()
     QCOMPARE(run(words("-r"), environment), exits(155, "File name not specified\n"));
     QCOMPARE(run(words("--version"), environment), exits(0, "JVX file loader 0.0.8\n"));
     QCOMPARE(run(words("--help"), environment), exits(0, run(words("--help")).output));
+}
+
+void CommandLineTest::aWaylandDisplayThatDoesNotAnswerMakesNoDifference()
+{
+    const QTemporaryDir directory; // where the socket of a compositor that has crashed still is
+    files::store(directory.filePath(QStringLiteral("left")), {});
+    QCOMPARE(run(words("--version"),
+                 {QStringLiteral("XDG_RUNTIME_DIR=") + directory.path(), QStringLiteral("WAYLAND_DISPLAY=left")}),
+        exits(0, "JVX file loader 0.0.8\n"));
 }
 
 // Remarks of the framework stay away from standard error, but not what somebody asks it for.

@@ -7,6 +7,7 @@
 #include <QListWidget>
 #include <QPointer>
 #include <QPushButton>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -442,6 +443,8 @@ int main(int argc, char *argv[])
 {
     // No window on the screen of whoever runs the tests.
     qputenv("QT_QPA_PLATFORM", "offscreen");
+    const QTemporaryDir directory;
+    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework makes one, for ever
     const QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     DialogTest test;
