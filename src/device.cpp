@@ -164,8 +164,8 @@ void Device::closeSerialPort()
     StdOutput() << tr("Serial port closed: %1").arg(_port->portName());
 }
 
-/// Sends what was written to the port but waits for the next turn of the event loop, and would be lost with the port or
-/// the loop. That happens when the answer came before its request was sent.
+/// Sends what the line had no room for when the request was made, and would be lost with the port or the loop. That
+/// happens when the answer came before its request was sent.
 /// \return whether some of it is still on its way: Windows writes in the background
 bool Device::sendRest()
 {
@@ -246,7 +246,9 @@ void Device::quit(int code)
     _finished = true;
     // A port that was unplugged goes on reporting errors until it is closed.
     disconnect(_protocol, nullptr, this, nullptr);
-    afterSending([code] { QCoreApplication::exit(code); });
+    // From the event loop, which has not begun yet when the very first request fails while it is sent.
+    const auto exit = [code] { QCoreApplication::exit(code); };
+    afterSending([this, exit] { QTimer::singleShot(0, this, exit); });
 }
 
 // ---- identification -----------------------------------------------------------------------------------------------

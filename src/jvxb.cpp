@@ -191,14 +191,15 @@ void Protocol::begin(Transaction *transaction)
     Q_ASSERT_X(isOfItsClass(transaction), "begin", "the transaction is of another class than its key takes");
     _queue.append(transaction);
     connect(transaction, &Transaction::timeout, this, &Protocol::onTimeout);
-    send(transaction);
+    // The timer first: a port that fails says so while it sends, and whoever hears of it may end the transaction.
     transaction->start();
+    send(transaction);
 }
 
 void Protocol::continuE(Transaction *transaction)
 {
-    send(transaction);
     transaction->restart();
+    send(transaction);
 }
 
 void Protocol::end(Transaction *transaction)
@@ -208,11 +209,13 @@ void Protocol::end(Transaction *transaction)
     delete transaction;
 }
 
+/// Sends at once, which saves a turn of the event loop; some systems go on with that in the background.
 void Protocol::send(Transaction *transaction)
 {
     const QByteArray bytes = packet(transaction->request());
     trace::sent(transaction->name(), transaction->payload().size(), bytes);
-    _port->write(bytes);
+    if (_port->write(bytes) > 0)
+        _port->flush();
 }
 
 void Protocol::onErrorOccurred(QSerialPort::SerialPortError error)

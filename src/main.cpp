@@ -68,6 +68,14 @@ void tolerateMissingDisplay()
         qputenv("QT_QPA_PLATFORM", platforms());
 }
 
+/// Makes the framework take its own event dispatcher where it would take the one of GLib, which needs twice the system
+/// calls for every packet. A choice of the user stands; systems without GLib do not know the variable.
+void preferPlainEventDispatcher()
+{
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB"))
+        qputenv("QT_NO_GLIB", "1");
+}
+
 QtMessageHandler default_message_handler = nullptr;
 
 /// The framework remarks on locales, displays and files that it cannot use. What the user needs to know of that the
@@ -135,6 +143,7 @@ int main(int argc, char *argv[])
 {
     output_reader::outlive();
     tolerateMissingDisplay();
+    preferPlainEventDispatcher();
     default_message_handler = qInstallMessageHandler(dropRemarks);
     const QApplication application(argc, argv);
     setIdentity();

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 /// A serial port without a device: what is written to it is kept for the test, and the test says what arrives.
 class PortDouble : public QSerialPort {
@@ -52,6 +53,13 @@ public:
         Q_EMIT errorOccurred(error);
     }
 
+    /// Makes the next write fail with \a error, which is reported while it goes on.
+    void failNextWrite(SerialPortError error, const QString &text)
+    {
+        _next_error = error;
+        _next_error_text = text;
+    }
+
     qint64 bytesAvailable() const override { return _arrived.size() + QIODevice::bytesAvailable(); }
 
 protected:
@@ -65,6 +73,10 @@ protected:
 
     qint64 writeData(const char *data, qint64 size) override
     {
+        if (_next_error != NoError) {
+            fail(std::exchange(_next_error, NoError), _next_error_text);
+            return -1;
+        }
         _written.append(QByteArray(data, size));
         Q_EMIT bytesWritten(size);
         return size;
@@ -73,4 +85,6 @@ protected:
 private:
     QByteArray _arrived;
     QByteArrayList _written;
+    SerialPortError _next_error = NoError;
+    QString _next_error_text;
 };

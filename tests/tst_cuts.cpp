@@ -21,7 +21,8 @@ private Q_SLOTS:
     void anAnswerAndTheCutAreOne();
     void aCutEndsTheRunOnce_data();
     void aCutEndsTheRunOnce();
-    void theLineIsCutWhileARequestIsStuck();
+    void aStuckRequestEndsTheRunOnce_data();
+    void aStuckRequestEndsTheRunOnce();
     void theLineIsCutWhileAnAnswerIsDue();
     void theLineIsCutWhileTheLogIsMonitored();
 };
@@ -289,22 +290,38 @@ void CutsTest::aCutEndsTheRunOnce()
     }
 }
 
-// Reading and writing fail in the same turn of the event loop.
-void CutsTest::theLineIsCutWhileARequestIsStuck()
+void CutsTest::aStuckRequestEndsTheRunOnce_data()
 {
-    constexpr int repetitions = 30;
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        PlainTerminal terminal;
-        const QByteArrayList parts = console::plainIdentificationParts(terminal.port());
-        Tool tool(argumentsOn(terminal.port()));
-        const QByteArray answer = terminal.answerTo(terminal.request());
-        terminal.jam();
-        terminal.send(answer);
-        QVERIFY(tool.waitForOutput(parts[1]));
-        QTest::qSleep(10); // for the next request to get stuck
-        terminal.vanish();
-        QCOMPARE(withoutReason(tool.finish()), brokenOff(parts[0] + parts[1]));
+    QTest::addColumn<Job>("job");
+    QTest::addColumn<int>("request");
+    static constexpr const char *names[] = {"read", "write", "apply"};
+    for (const Job job : {Job::Read, Job::Write, Job::Apply}) {
+        for (int request = 1; request <= packetsOf(job); ++request)
+            QTest::addRow("%s, request %d", names[static_cast<int>(job)], request) << job << request;
     }
+}
+
+// The port reports its error while the request is sent: before the event loop has begun, or from within a result slot.
+void CutsTest::aStuckRequestEndsTheRunOnce()
+{
+    QFETCH(const Job, job);
+    QFETCH(const int, request);
+    const QTemporaryDir directory;
+    const QString local = directory.filePath(QStringLiteral("local.bin"));
+    files::store(local, fileContent());
+    PlainTerminal terminal(fileContent());
+    if (request == 1)
+        terminal.jam();
+    Tool tool(argumentsOf(job, terminal.port(), local));
+    for (int answer = 1; answer < request; ++answer) {
+        const QByteArray packet = terminal.answerTo(terminal.request());
+        if (answer == request - 1)
+            terminal.jam();
+        terminal.send(packet);
+    }
+    const Run run = tool.finish();
+    QVERIFY2(!run.output.contains("Timeout"), run.output.constData());
+    QCOMPARE(withoutReason(run), brokenOff(runParts(job, terminal, local).mid(0, request).join()));
 }
 
 void CutsTest::theLineIsCutWhileAnAnswerIsDue()

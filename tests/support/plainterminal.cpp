@@ -87,8 +87,7 @@ void PlainTerminal::send(const QByteArray &bytes)
 
 void PlainTerminal::jam()
 {
-    const QByteArray block(4096, '\0');
-    while (::write(_slave, block.constData(), static_cast<size_t>(block.size())) > 0) { }
+    ::tcflow(_slave, TCOOFF);
 }
 
 void PlainTerminal::vanish()

@@ -31,7 +31,7 @@ public:
     /// Sends \a bytes. Fails the test if the line does not take them within 10 s.
     void send(const QByteArray &bytes);
 
-    /// Fills the line towards the terminal, which must not have to take any further request. The next one is stuck.
+    /// Stops the line towards the terminal as flow control would: the next request is stuck.
     void jam();
 
     /// Takes its port away, at once: what was not read by then is lost.
