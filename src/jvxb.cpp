@@ -44,6 +44,14 @@ std::optional<Error> refusal(const std::optional<Answer> &answer)
     return {};
 }
 
+/// Appends in place. QByteArray::append() copies into a larger block, and a large file would be there twice meanwhile.
+void append(QByteArray &data, QByteArrayView piece)
+{
+    const qsizetype size = data.size();
+    data.resize(size + piece.size());
+    std::copy(piece.begin(), piece.end(), data.begin() + size);
+}
+
 } // namespace
 
 // ---- errors -------------------------------------------------------------------------------------------------------
@@ -372,7 +380,7 @@ bool Protocol::recvReadFile(Transaction *transaction, const QByteArray &payload)
     if (!answer->piece)
         return fail(transaction, Error::UnknownResponse);
 
-    command->_data.append(*answer->piece);
+    append(command->_data, *answer->piece);
     const auto size = static_cast<quint32>(command->_data.size());
     const quint32 full_size = answer->length < max_piece_size ? size : answer->full_size;
     if (size < full_size) {
@@ -381,7 +389,8 @@ bool Protocol::recvReadFile(Transaction *transaction, const QByteArray &payload)
         return false;
     }
     Q_EMIT fileReadingProgress(command->_file, static_cast<int>(full_size), static_cast<int>(full_size));
-    Q_EMIT fileReaded(Error::None, command->_file, command->_data.left(full_size));
+    command->_data.truncate(full_size);
+    Q_EMIT fileReaded(Error::None, command->_file, command->_data);
     return true;
 }
 

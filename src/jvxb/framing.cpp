@@ -31,8 +31,9 @@ QByteArray packet(const QByteArray &body)
 void ReceiveBuffer::append(QByteArrayView bytes)
 {
     _bytes.append(bytes);
-    for (const char byte : bytes)
-        _sums.append(static_cast<char>(_sums.back() ^ byte));
+    const qsizetype known = _sums.size();
+    _sums.resize(known + bytes.size());
+    std::inclusive_scan(bytes.begin(), bytes.end(), _sums.begin() + known, std::bit_xor<>(), _sums[known - 1]);
 }
 
 void ReceiveBuffer::clear()
