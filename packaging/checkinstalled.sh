@@ -1,0 +1,71 @@
+#!/bin/bash
+# Run by packaging/check as root of a bare system: installs the package, uses it as a plain user, and removes it.
+# shellcheck disable=SC2016 # for the user's shell
+set -euo pipefail
+
+say()
+{
+    printf '\n== %s\n' "$*"
+}
+
+# As a user who is nobody special, in a login of their own.
+as_user()
+{
+    su --login tech --command "$1"
+}
+
+everything()
+{
+    find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /home -o -path /var/cache \
+        -o -path /var/log -o -path /var/lib/apt -o -path /var/lib/dpkg \) -prune -o -print | sort
+}
+
+export DEBIAN_FRONTEND=noninteractive
+useradd --create-home --shell /bin/bash tech
+everything >/tmp/before
+
+say "Installing"
+apt-get install --quiet=2 --yes /tmp/jvx-loader.deb >/tmp/apt.log 2>&1 || {
+    cat /tmp/apt.log
+    exit 1
+}
+dpkg --verify jvx-loader
+dpkg --listfiles jvx-loader >/tmp/files
+dpkg-query --show jvx-loader
+
+say "Version"
+as_user 'jvx-loader --version && jvx-simulator --version'
+
+say "Manual page"
+as_user 'man jvx-loader | grep -A 1 ^NAME && man jvx-simulator | grep -A 1 ^NAME'
+
+say "Completion of 'jvx-loader -f fl'"
+as_user '. /usr/share/bash-completion/bash_completion; _completion_loader jvx-loader
+    COMP_WORDS=(jvx-loader -f fl) COMP_CWORD=2 COMP_LINE="jvx-loader -f fl" COMP_POINT=16; _jvx_loader
+    printf "%s\n" "${COMPREPLY[@]}" | tee completions; grep -qx fls-archive completions'
+
+say "Identify, read, write and apply, and watch the log of a simulated terminal"
+as_user 'set -e
+    mkdir files
+    jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 & simulator=$!
+    until [ -e terminal ]; do sleep 0.1; done
+    jvx-loader -p ~/terminal
+    printf 123456789 >keys.bin
+    jvx-loader -p ~/terminal -w -f keys keys.bin -a
+    jvx-loader -p ~/terminal -r -f keys read.bin
+    cmp keys.bin read.bin
+    rc=0; timeout 3 jvx-loader -p ~/terminal -m >log || rc=$?
+    [ $rc = 124 ]
+    grep "\[" log | tail -n 2
+    kill $simulator
+    wait $simulator'
+
+say "Removing"
+apt-get purge --quiet=2 --yes --auto-remove jvx-loader >/tmp/apt.log 2>&1 || {
+    cat /tmp/apt.log
+    exit 1
+}
+everything >/tmp/after
+comm -13 /tmp/before /tmp/after | tee /tmp/left
+[ ! -s /tmp/left ]
+echo "Nothing is left of $(wc -l </tmp/files) files and folders"
