@@ -1,4 +1,5 @@
 #include "console.h"
+#include "displayserver.h"
 #include "simulatedterminal.h"
 #include "testbed.h"
 #include "tool.h"
@@ -39,49 +40,6 @@ private Q_SLOTS:
 };
 
 namespace {
-
-/// An X server without a screen to look at; it ends with the test.
-class DisplayServer {
-public:
-    DisplayServer()
-    {
-        _server.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-        _server.start(QStringLiteral("Xvfb"),
-            {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
-                QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
-                QStringLiteral("-nolisten"), QStringLiteral("unix")}); // at a name that is no file
-        while (!_server.canReadLine() && _server.waitForReadyRead()) { }
-        _display = ":" + _server.readLine().trimmed();
-        if (_display == ":")
-            qFatal("Xvfb did not start");
-    }
-
-    ~DisplayServer()
-    {
-        _server.terminate();
-        _server.waitForFinished();
-    }
-
-    DisplayServer(const DisplayServer &) = delete;
-    DisplayServer &operator=(const DisplayServer &) = delete;
-
-    QByteArray display() const { return _display; }
-
-private:
-    QProcess _server;
-    QByteArray _display;
-};
-
-/// What xdotool answers; empty when it fails.
-QByteArray xdotool(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(QStringLiteral("xdotool"), arguments);
-    if (!process.waitForFinished(10'000))
-        process.kill();
-    process.waitForFinished();
-    return process.exitCode() == 0 ? process.readAllStandardOutput().trimmed() : QByteArray();
-}
 
 /// The window as it has to look, built here once more; what stands where in it is known, too.
 struct ExpectedWindow {

@@ -1,0 +1,33 @@
+#include "displayserver.h"
+
+#include <csignal>
+#include <sys/prctl.h>
+
+DisplayServer::DisplayServer()
+{
+    _server.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    _server.start(QStringLiteral("Xvfb"),
+        {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
+            QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
+            QStringLiteral("-nolisten"), QStringLiteral("unix")}); // at a name that is no file
+    while (!_server.canReadLine() && _server.waitForReadyRead()) { }
+    _display = ":" + _server.readLine().trimmed();
+    if (_display == ":")
+        qFatal("Xvfb did not start");
+}
+
+DisplayServer::~DisplayServer()
+{
+    _server.terminate();
+    _server.waitForFinished();
+}
+
+QByteArray xdotool(const QStringList &arguments)
+{
+    QProcess process;
+    process.start(QStringLiteral("xdotool"), arguments);
+    if (!process.waitForFinished(10'000))
+        process.kill();
+    process.waitForFinished();
+    return process.exitCode() == 0 ? process.readAllStandardOutput().trimmed() : QByteArray();
+}
