@@ -1,9 +1,28 @@
 #include "stringlistselectordialog.h"
 
 #include <QDialogButtonBox>
+#include <QEventLoop>
 #include <QLabel>
 #include <QListWidget>
+#include <QTimer>
 #include <QVBoxLayout>
+
+#include <chrono>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Takes what the display still has to say of a window that was closed. The framework's Wayland plugin may wait for
+/// ever for its own threads if the program ends meanwhile.
+void awaitClosing()
+{
+    QEventLoop loop;
+    QTimer::singleShot(100ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+} // namespace
 
 StringListSelectorDialog::StringListSelectorDialog(QWidget *parent)
     : QDialog(parent)
@@ -48,5 +67,7 @@ QString StringListSelectorDialog::select(
         dialog.setWindowTitle(title);
     dialog.setText(text);
     dialog.setStringList(items);
-    return dialog.exec() == QDialog::Accepted ? dialog.selectedText() : QString();
+    const int result = dialog.exec();
+    awaitClosing();
+    return result == QDialog::Accepted ? dialog.selectedText() : QString();
 }
