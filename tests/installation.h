@@ -67,11 +67,3 @@ private:
     QTemporaryDir _root;
     QString _prefix;
 };
-
-inline QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot open %s", qUtf8Printable(path));
-    return file.readAll();
-}

@@ -1,7 +1,8 @@
 #include "installation.h"
+#include "localfiles.h"
 
 /// The completions, in the shells that they are for.
-class TestCompletion : public QObject {
+class CompletionTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -76,7 +77,7 @@ QStringList list(const char *words)
 
 } // namespace
 
-void TestCompletion::initTestCase()
+void CompletionTest::initTestCase()
 {
     _installation.emplace(QStringLiteral("/usr"));
     write(QStringLiteral("ports.umockdev"), ports);
@@ -88,14 +89,14 @@ void TestCompletion::initTestCase()
     write(QStringLiteral("local/two words"), {});
 }
 
-void TestCompletion::shells()
+void CompletionTest::shells()
 {
     QTest::addColumn<QString>("shell");
     for (const QString &shell : list("bash zsh fish"))
         QTest::newRow(qPrintable(shell)) << shell;
 }
 
-void TestCompletion::write(const QString &name, const QByteArray &content) const
+void CompletionTest::write(const QString &name, const QByteArray &content) const
 {
     QFile file(_home.filePath(name));
     if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
@@ -103,7 +104,7 @@ void TestCompletion::write(const QString &name, const QByteArray &content) const
 }
 
 /// What the groups of \a pattern capture in the help, sorted.
-QStringList TestCompletion::ofHelp(const QString &pattern) const
+QStringList CompletionTest::ofHelp(const QString &pattern) const
 {
     const QString help = run({_installation->path(QStringLiteral("bin/jvx-loader")), QStringLiteral("--help")},
         {QStringLiteral("QT_QPA_PLATFORM=minimal")})
@@ -119,7 +120,7 @@ QStringList TestCompletion::ofHelp(const QString &pattern) const
 }
 
 /// What \a shell offers for the word \a begun that follows \a words of the tool's command line, sorted.
-QStringList TestCompletion::offered(const QString &shell, const QString &words, const QString &begun) const
+QStringList CompletionTest::offered(const QString &shell, const QString &words, const QString &begun) const
 {
     QStringList line{QStringLiteral("jvx-loader")};
     line += list(words.toLatin1().constData());
@@ -132,7 +133,7 @@ QStringList TestCompletion::offered(const QString &shell, const QString &words, 
             QStringLiteral("XDG_DATA_DIRS=") + _installation->path(QStringLiteral("share:/usr/share")),
             QStringLiteral("PATH=") + _installation->path(QStringLiteral("bin:")) + qEnvironmentVariable("PATH")});
 
-    QStringList result = QString::fromUtf8(contentOf(_home.filePath(QStringLiteral("offered"))))
+    QStringList result = QString::fromUtf8(files::content(_home.filePath(QStringLiteral("offered"))))
                              .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     if (!QFile::remove(_home.filePath(QStringLiteral("offered"))))
         qFatal("no answer from %s", qUtf8Printable(shell));
@@ -146,7 +147,7 @@ QStringList TestCompletion::offered(const QString &shell, const QString &words, 
     return result;
 }
 
-void TestCompletion::theOptionsOfTheHelpAreOffered()
+void CompletionTest::theOptionsOfTheHelpAreOffered()
 {
     QFETCH(QString, shell);
     // "  -p, --port <name>  Serial port"
@@ -155,7 +156,7 @@ void TestCompletion::theOptionsOfTheHelpAreOffered()
     QCOMPARE(offered(shell, QString(), QStringLiteral("-")), expected);
 }
 
-void TestCompletion::theKindsOfFileOfTheHelpAreOffered()
+void CompletionTest::theKindsOfFileOfTheHelpAreOffered()
 {
     QFETCH(QString, shell);
     // "   6 | fls-firmware    Firmware of fuel level sensor"
@@ -165,7 +166,7 @@ void TestCompletion::theKindsOfFileOfTheHelpAreOffered()
     QCOMPARE(offered(shell, QStringLiteral("--file"), QString()), expected);
 }
 
-void TestCompletion::thePortsAreOffered()
+void CompletionTest::thePortsAreOffered()
 {
     QFETCH(QString, shell);
     const QStringList expected = list("/dev/serial/by-id/usb-JVX_SN1-if00 ttyACM3 ttyUSB0");
@@ -173,7 +174,7 @@ void TestCompletion::thePortsAreOffered()
     QCOMPARE(offered(shell, QStringLiteral("--port"), QString()), expected);
 }
 
-void TestCompletion::whatIsOfferedGoesWithTheLine_data()
+void CompletionTest::whatIsOfferedGoesWithTheLine_data()
 {
     QTest::addColumn<QString>("shell");
     QTest::addColumn<QString>("words");
@@ -197,7 +198,7 @@ void TestCompletion::whatIsOfferedGoesWithTheLine_data()
     }
 }
 
-void TestCompletion::whatIsOfferedGoesWithTheLine()
+void CompletionTest::whatIsOfferedGoesWithTheLine()
 {
     QFETCH(QString, shell);
     QFETCH(QString, words);
@@ -206,5 +207,5 @@ void TestCompletion::whatIsOfferedGoesWithTheLine()
     QCOMPARE(offered(shell, words, begun), expected);
 }
 
-QTEST_GUILESS_MAIN(TestCompletion)
+QTEST_GUILESS_MAIN(CompletionTest)
 #include "tst_completion.moc"

@@ -1,7 +1,8 @@
 #include "installation.h"
+#include "localfiles.h"
 
 /// What `cmake --install` installs.
-class TestInstallation : public QObject {
+class InstallationTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -17,14 +18,14 @@ private Q_SLOTS:
 
 static const QString metainfo = QStringLiteral("share/metainfo/invalid.jvx.jvx_loader.metainfo.xml");
 
-void TestInstallation::everyFileHasItsPlace_data()
+void InstallationTest::everyFileHasItsPlace_data()
 {
     QTest::addColumn<QString>("prefix");
     QTest::newRow("/usr") << QStringLiteral("/usr");
     QTest::newRow("/opt/jvx") << QStringLiteral("/opt/jvx");
 }
 
-void TestInstallation::everyFileHasItsPlace()
+void InstallationTest::everyFileHasItsPlace()
 {
     QFETCH(QString, prefix);
     const QString doc = prefix + QStringLiteral("/share/doc/jvx-loader/");
@@ -47,13 +48,13 @@ void TestInstallation::everyFileHasItsPlace()
     QCOMPARE(files, expected);
 }
 
-void TestInstallation::whatTheReadmeLinksToIsInstalledWithIt()
+void InstallationTest::whatTheReadmeLinksToIsInstalledWithIt()
 {
     const Installation installation(QStringLiteral("/usr"));
     const QString doc = QStringLiteral("share/doc/jvx-loader/");
     static const QRegularExpression link(QStringLiteral("\\]\\((docs/[^)#]+)"));
     QRegularExpressionMatchIterator links
-        = link.globalMatch(QString::fromUtf8(contentOf(installation.path(doc + QStringLiteral("README.md")))));
+        = link.globalMatch(QString::fromUtf8(files::content(installation.path(doc + QStringLiteral("README.md")))));
     QVERIFY(links.hasNext());
     while (links.hasNext()) {
         const QString target = installation.path(doc + links.next().captured(1));
@@ -61,36 +62,38 @@ void TestInstallation::whatTheReadmeLinksToIsInstalledWithIt()
     }
 }
 
-void TestInstallation::noFileKnowsTheBuildTree()
+void InstallationTest::noFileKnowsTheBuildTree()
 {
     const Installation installation(QStringLiteral("/usr"));
     const QStringList files = installation.files();
     QVERIFY(!files.isEmpty());
     for (const QString &file : files) {
-        const QByteArray content = contentOf(installation.path(file.sliced(sizeof "/usr")));
+        const QByteArray content = files::content(installation.path(file.sliced(sizeof "/usr")));
         QVERIFY2(!content.contains(JVX_SOURCE_DIRECTORY), qPrintable(file));
     }
 }
 
-void TestInstallation::theExecutablesRun_data()
+void InstallationTest::theExecutablesRun_data()
 {
+    QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("version");
-    QTest::newRow("jvx-loader") << QStringLiteral("JVX file loader " JVX_VERSION "\n");
-    QTest::newRow("jvx-simulator") << QStringLiteral("jvx-simulator " JVX_VERSION "\n");
+    QTest::newRow("the tool") << QStringLiteral("jvx-loader") << QStringLiteral("JVX file loader " JVX_VERSION "\n");
+    QTest::newRow("the simulated terminal")
+        << QStringLiteral("jvx-simulator") << QStringLiteral("jvx-simulator " JVX_VERSION "\n");
 }
 
-void TestInstallation::theExecutablesRun()
+void InstallationTest::theExecutablesRun()
 {
+    QFETCH(QString, name);
     QFETCH(QString, version);
     const Installation installation(QStringLiteral("/usr"));
-    const Ended ended = run({installation.path(QStringLiteral("bin/") + QString::fromLatin1(QTest::currentDataTag())),
-                                QStringLiteral("--version")},
+    const Ended ended = run({installation.path(QStringLiteral("bin/") + name), QStringLiteral("--version")},
         {QStringLiteral("QT_QPA_PLATFORM=minimal")});
     QCOMPARE(ended.code, 0);
     QCOMPARE(ended.output, version);
 }
 
-void TestInstallation::softwareCentresAcceptTheDescription()
+void InstallationTest::softwareCentresAcceptTheDescription()
 {
     const Installation installation(QStringLiteral("/usr"));
     const Ended validation = run({QStringLiteral("appstreamcli"), QStringLiteral("validate"),
@@ -99,10 +102,10 @@ void TestInstallation::softwareCentresAcceptTheDescription()
     QVERIFY2(!validation.output.contains(QStringLiteral("\nW:")), qPrintable(validation.output));
 }
 
-void TestInstallation::theDescriptionIsOfThisVersion()
+void InstallationTest::theDescriptionIsOfThisVersion()
 {
     const Installation installation(QStringLiteral("/usr"));
-    const QString text = QString::fromUtf8(contentOf(installation.path(metainfo)));
+    const QString text = QString::fromUtf8(files::content(installation.path(metainfo)));
     QCOMPARE(text.section(QStringLiteral("<release version=\""), 1, 1).section(QLatin1Char('"'), 0, 0),
         QStringLiteral(JVX_VERSION));
     for (const QString &file : installation.files().filter(QStringLiteral("/bin/")))
@@ -111,5 +114,5 @@ void TestInstallation::theDescriptionIsOfThisVersion()
     QVERIFY(text.contains(QStringLiteral("<modalias>usb:v03EBp6124d*</modalias>")));
 }
 
-QTEST_GUILESS_MAIN(TestInstallation)
+QTEST_GUILESS_MAIN(InstallationTest)
 #include "tst_installation.moc"

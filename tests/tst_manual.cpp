@@ -1,7 +1,8 @@
 #include "installation.h"
+#include "localfiles.h"
 
 /// The manual pages, against the executables and the sources.
-class TestManual : public QObject {
+class ManualTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -56,12 +57,12 @@ QString section(const QString &text, const QString &heading)
 
 QString source(const char *name)
 {
-    return QString::fromUtf8(contentOf(QStringLiteral(JVX_SOURCE_DIRECTORY "/") + QLatin1String(name)));
+    return QString::fromUtf8(files::content(QStringLiteral(JVX_SOURCE_DIRECTORY "/") + QLatin1String(name)));
 }
 
 } // namespace
 
-void TestManual::pages()
+void ManualTest::pages()
 {
     QTest::addColumn<QString>("name");
     QTest::newRow("jvx-loader") << loader;
@@ -69,7 +70,7 @@ void TestManual::pages()
 }
 
 /// The page as man shows it, every paragraph on one line.
-QString TestManual::page(const QString &name) const
+QString ManualTest::page(const QString &name) const
 {
     return run({QStringLiteral("man"), QStringLiteral("--local-file"),
                    _installation->path(QStringLiteral("share/man/man1/%1.1").arg(name))},
@@ -77,14 +78,14 @@ QString TestManual::page(const QString &name) const
         .output;
 }
 
-QString TestManual::help(const QString &name) const
+QString ManualTest::help(const QString &name) const
 {
     return run({_installation->path(QStringLiteral("bin/") + name), QStringLiteral("--help")},
         {QStringLiteral("QT_QPA_PLATFORM=minimal")})
         .output;
 }
 
-void TestManual::aPageIsWithoutFault()
+void ManualTest::aPageIsWithoutFault()
 {
     QFETCH(QString, name);
     const QString path = _installation->path(QStringLiteral("share/man/man1/%1.1").arg(name));
@@ -101,7 +102,7 @@ void TestManual::aPageIsWithoutFault()
     QCOMPARE(man.errors, QString());
 }
 
-void TestManual::aPageHasItsSections()
+void ManualTest::aPageHasItsSections()
 {
     QFETCH(QString, name);
     const QString text = page(name);
@@ -114,7 +115,7 @@ void TestManual::aPageHasItsSections()
         QVERIFY2(!section(text, heading).trimmed().isEmpty(), qPrintable(heading));
 }
 
-void TestManual::aPageHasTheOptionsOfTheHelp()
+void ManualTest::aPageHasTheOptionsOfTheHelp()
 {
     QFETCH(QString, name);
     // "  -p, --port <name>  Serial port" and "     -p, --port name"
@@ -125,7 +126,7 @@ void TestManual::aPageHasTheOptionsOfTheHelp()
         captured(section(page(name), QStringLiteral("OPTIONS")), QStringLiteral("^     (-\\S.*?)(?:  .*)?$")), of_help);
 }
 
-void TestManual::thePageHasTheKindsOfFileOfTheHelp()
+void ManualTest::thePageHasTheKindsOfFileOfTheHelp()
 {
     // "    6 | fls-firmware    Firmware of ..." and "   6     fls-firmware    firmware of ..."
     const QStringList of_help
@@ -135,7 +136,7 @@ void TestManual::thePageHasTheKindsOfFileOfTheHelp()
         of_help);
 }
 
-void TestManual::thePageHasTheExitCodesOfTheSources()
+void ManualTest::thePageHasTheExitCodesOfTheSources()
 {
     QStringList of_sources = captured(source("src/main.cpp") + source("src/device.cpp"),
         QStringLiteral("^ *(?:constexpr int )?\\w+ = (-1\\d\\d)\\b"));
@@ -146,7 +147,7 @@ void TestManual::thePageHasTheExitCodesOfTheSources()
         of_sources);
 }
 
-void TestManual::thePageGivesEveryExitCodeAsAShellSeesIt()
+void ManualTest::thePageGivesEveryExitCodeAsAShellSeesIt()
 {
     static const QRegularExpression entry(QStringLiteral("^     (-?\\d+)(?: to (-?\\d+))? \\((\\d+)(?: to (\\d+))?\\)"),
         QRegularExpression::MultilineOption);
@@ -160,7 +161,7 @@ void TestManual::thePageGivesEveryExitCodeAsAShellSeesIt()
     QCOMPARE(count, 15);
 }
 
-void TestManual::thePageOfTheSimulatedTerminalHasItsExitCodes()
+void ManualTest::thePageOfTheSimulatedTerminalHasItsExitCodes()
 {
     const QStringList of_source
         = captured(source("simulator/main.cpp"), QStringLiteral("^constexpr int exit_?\\w+ = (\\d+);"));
@@ -169,12 +170,12 @@ void TestManual::thePageOfTheSimulatedTerminalHasItsExitCodes()
         of_source);
 }
 
-void TestManual::thePageNamesTheInstalledRule()
+void ManualTest::thePageNamesTheInstalledRule()
 {
     const QStringList named
         = captured(section(page(loader), QStringLiteral("FILES")), QStringLiteral("^     (\\S+\\.rules)"));
     QCOMPARE(named, _installation->files().filter(QStringLiteral(".rules")));
 }
 
-QTEST_GUILESS_MAIN(TestManual)
+QTEST_GUILESS_MAIN(ManualTest)
 #include "tst_manual.moc"

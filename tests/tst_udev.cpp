@@ -1,7 +1,7 @@
 #include "installation.h"
 
 /// The rule for udev, as udev reads it and applies it to faked devices.
-class TestUdev : public QObject {
+class UdevTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -73,28 +73,28 @@ QStringList aboutTheRule(const QString &text)
 
 } // namespace
 
-void TestUdev::terminal()
+void UdevTest::terminal()
 {
     QTest::addColumn<QString>("device");
     QTest::newRow("USB device") << usb_device;
     QTest::newRow("serial port") << serial_port;
 }
 
-void TestUdev::udevUnderstandsTheRule()
+void UdevTest::udevUnderstandsTheRule()
 {
     const QString text = plugIn(usb_device, QStringLiteral("03eb"), QStringLiteral("6125"));
     QVERIFY(text.contains(QStringLiteral("Reading rules file: /run/udev/rules.d/70-jvx-loader.rules")));
     QCOMPARE(aboutTheRule(text), QStringList());
 }
 
-void TestUdev::theUserAtTheSeatHasAccess()
+void UdevTest::theUserAtTheSeatHasAccess()
 {
     QFETCH(QString, device);
     // The rule that grants it comes late, and only where the tag was set before.
     QVERIFY(plugInTerminal(device).contains(QStringLiteral("\nrun: 'uaccess'")));
 }
 
-void TestUdev::theGroupHasAccess()
+void UdevTest::theGroupHasAccess()
 {
     QFETCH(QString, device);
     // The group by its number, 20 in all of Debian.
@@ -102,13 +102,13 @@ void TestUdev::theGroupHasAccess()
     QCOMPARE(aboutTheRule(plugInTerminal(device)), said);
 }
 
-void TestUdev::modemManagerKeepsItsHandsOff()
+void UdevTest::modemManagerKeepsItsHandsOff()
 {
     QFETCH(QString, device);
     QVERIFY(plugInTerminal(device).contains(QStringLiteral("\nID_MM_DEVICE_IGNORE=1\n")));
 }
 
-void TestUdev::anotherDeviceIsLeftAlone_data()
+void UdevTest::anotherDeviceIsLeftAlone_data()
 {
     QTest::addColumn<QString>("device");
     QTest::addColumn<QString>("vendor");
@@ -122,7 +122,7 @@ void TestUdev::anotherDeviceIsLeftAlone_data()
     QTest::newRow("serial port, another vendor") << serial_port << other << terminals_product;
 }
 
-void TestUdev::anotherDeviceIsLeftAlone()
+void UdevTest::anotherDeviceIsLeftAlone()
 {
     QFETCH(QString, device);
     QFETCH(QString, vendor);
@@ -134,5 +134,5 @@ void TestUdev::anotherDeviceIsLeftAlone()
     QVERIFY(!text.contains(QStringLiteral("uaccess'")));
 }
 
-QTEST_GUILESS_MAIN(TestUdev)
+QTEST_GUILESS_MAIN(UdevTest)
 #include "tst_udev.moc"
