@@ -563,7 +563,7 @@ void FramingTest::nastyStreamsMayComeByteByByte_data()
 void FramingTest::nastyStreamsMayComeByteByByte()
 {
     QFETCH(QByteArray, unit);
-    const QByteArray stream = unit.repeated(mebibyte / 4 / unit.size() + 1).first(mebibyte / 4);
+    const QByteArray stream = unit.repeated(mebibyte / 8 / unit.size() + 1).first(mebibyte / 8);
     const QByteArray eighth = stream.first(stream.size() / 8);
     const QByteArray times = excess(24, LeastTime([&] { digest(stream, 1); }), LeastTime([&] { digest(eighth, 1); }));
     QVERIFY2(times.isEmpty(), times);
