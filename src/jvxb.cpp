@@ -217,12 +217,13 @@ void Protocol::end(Transaction *transaction)
     delete transaction;
 }
 
-/// Sends at once, which saves a turn of the event loop; some systems go on with that in the background.
+/// Sends at once, which saves a turn of the event loop; some systems go on with that in the background. When all of it
+/// is out, the second flush() saves another turn: the port then no longer waits for the line to take more.
 void Protocol::send(Transaction *transaction)
 {
     const QByteArray bytes = packet(transaction->request());
     trace::sent(transaction->name(), transaction->payload().size(), bytes);
-    if (_port->write(bytes) > 0)
+    if (_port->write(bytes) > 0 && _port->flush() && _port->bytesToWrite() == 0)
         _port->flush();
 }
 
