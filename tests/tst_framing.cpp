@@ -204,6 +204,7 @@ private Q_SLOTS:
     void aBodyBelowThreeBytesIsRefused();
     void anyFlippedBitOfTheBodyBreaksIt();
     void packetsInsideABrokenBodyAreFound();
+    void packetsInsideAGoodBodyAreNotFound();
     void theGreatestBodyIsAwaited();
     void aClaimOfTheGreatestBodyHidesWhatFollowsUntilItIsComplete();
     void packetsAmongGarbageAreAllFound();
@@ -454,6 +455,14 @@ void FramingTest::packetsInsideABrokenBodyAreFound()
     Receiver receiver;
     receiver.receive(packets::withWrongBodySum("*>LOG" + packets::hardware_answer + packets::software_answer + "tail"));
     QCOMPARE(receiver.bodies, (QByteArrayList{hardware_body, software_body}));
+}
+
+void FramingTest::packetsInsideAGoodBodyAreNotFound()
+{
+    const QByteArray body = "*>LOG" + packets::hardware_answer;
+    Receiver receiver;
+    receiver.receive(packets::packet(body) + packets::software_answer);
+    QCOMPARE(receiver.bodies, (QByteArrayList{body, software_body}));
 }
 
 void FramingTest::theGreatestBodyIsAwaited()
