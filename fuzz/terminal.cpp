@@ -1,5 +1,5 @@
-// The simulated terminal as a judge, on any bytes: a byte belongs to exactly one packet or complaint, and what was
-// reported as malformed is refused at best.
+// The simulated terminal as a judge, on any bytes: a byte belongs to exactly one packet or complaint, what was reported
+// as malformed is never answered, and what was reported as misplaced is refused.
 
 #include "terminal.h"
 #include "packets.h"
@@ -86,7 +86,9 @@ public:
         QObject::connect(
             &_terminal, &Terminal::packetReceived, [this](const QByteArray &packet) { takePacket(packet); });
         QObject::connect(&_terminal, &Terminal::malformedReceived,
-            [this](const QString &reason, const QByteArray &bytes) { takeComplaint(reason, bytes); });
+            [this](const QString &reason, const QByteArray &bytes) { takeMalformed(reason, bytes); });
+        QObject::connect(&_terminal, &Terminal::misplacedReceived,
+            [this](const QString &reason, const QByteArray &packet) { takeMisplaced(reason, packet); });
         QObject::connect(&_terminal, &Terminal::answered, [this](const QByteArray &packet) { takeAnswer(packet); });
         QObject::connect(&_terminal, &Terminal::droppedOff, [this] { _on_bus = false; });
     }
@@ -142,18 +144,22 @@ private:
         consume(packet);
         require(isPacket(packet), "what is called a packet is one");
         _current = packet;
-        _is_complained = false;
+        _is_misplaced = false;
     }
 
-    void takeComplaint(const QString &reason, const QByteArray &bytes)
+    /// Either the packet that came last, or bytes that are none.
+    void takeMalformed(const QString &reason, const QByteArray &bytes)
     {
         require(!reason.isEmpty() && !bytes.isEmpty(), "a complaint says of what and why");
-        if (!_current.isEmpty() && bytes == _current && !_is_complained) {
-            _is_complained = true;
-            return;
-        }
-        _current.clear();
-        consume(bytes);
+        if (const QByteArray packet = std::exchange(_current, {}); packet.isEmpty() || bytes != packet)
+            consume(bytes);
+    }
+
+    void takeMisplaced(const QString &reason, const QByteArray &packet)
+    {
+        require(!reason.isEmpty(), "a complaint says why");
+        require(!_current.isEmpty() && packet == _current && !_is_misplaced, "what is misplaced is a packet, once");
+        _is_misplaced = true;
     }
 
     void takeAnswer(const QByteArray &answer)
@@ -169,7 +175,7 @@ private:
             return;
         const bool is_about_file = body.startsWith("*@F");
         const bool is_refusal = is_about_file && body.size() == 6 && body[4] != '1';
-        require(!_is_complained || is_refusal, "what was reported as malformed is refused at best");
+        require(!_is_misplaced || is_refusal, "what was reported as misplaced is refused");
         if (is_about_file && body.size() >= 16) {
             _handle = numberAt(body, 6, 4);
             _position = numberAt(body, 10, 4) + numberAt(body, 14, 2);
@@ -193,8 +199,8 @@ private:
     qsizetype _piece_size = 0;
     bool _on_bus = true;
     QByteArray _waiting; ///< sent, and neither packet nor complaint yet
-    QByteArray _current; ///< the packet that may be answered or complained about
-    bool _is_complained = false;
+    QByteArray _current; ///< the packet that may be answered or complained about; none once it was malformed
+    bool _is_misplaced = false;
     quint32 _handle = 0;   ///< of the latest answer about a file
     quint32 _position = 0; ///< behind the piece that it was about
 };

@@ -40,6 +40,7 @@ Simulation::Simulation(const Options &options, QObject *parent)
     connect(&_terminal, &Terminal::packetReceived, this, &Simulation::recordPacket);
     connect(&_terminal, &Terminal::droppedOff, this, &Simulation::onDroppedOff);
     connect(&_terminal, &Terminal::malformedReceived, this, &Simulation::complain);
+    connect(&_terminal, &Terminal::misplacedReceived, this, &Simulation::complain);
 }
 
 bool Simulation::start()

@@ -195,7 +195,7 @@ void Terminal::serve(const Command &command, const QByteArray &packet)
 
     const Reply reply = replyTo(command, number, packet.sliced(wire::header_size + wire::key_offset + key.size()));
     if (!reply.complaint.isEmpty())
-        Q_EMIT malformedReceived(reply.complaint, packet);
+        Q_EMIT misplacedReceived(reply.complaint, packet);
     if (reply.payload)
         sendAnswer(command, number, *reply.payload);
     if (reply.restarts)

@@ -51,8 +51,8 @@ struct TerminalSettings {
     QByteArray last_bytes;                        ///< sent just before dropping off the bus
 };
 
-/// The terminal itself: requests in, answers out, no port. It judges requests strictly; one that is not well-formed is
-/// reported and gets no answer.
+/// The terminal itself: requests in, answers out, no port. It judges requests strictly: one that is not well-formed is
+/// reported and gets no answer, one about files that is out of place is reported and refused.
 class Terminal : public QObject {
     Q_OBJECT
 
@@ -86,8 +86,11 @@ Q_SIGNALS:
     void volunteered(const QByteArray &bytes);
     /// The terminal drops off the bus, after everything emitted so far has gone out.
     void droppedOff();
-    /// Something that is no correct request came in. \a reason is one line of English.
+    /// Something that is no well-formed request came in, and gets no answer. \a reason is one line of English.
     void malformedReceived(const QString &reason, const QByteArray &bytes);
+    /// A well-formed request came in that is about no kind of file or contradicts the transfer under way; its refusal
+    /// follows, unless a fault takes it away. \a reason is one line of English, \a packet includes its header.
+    void misplacedReceived(const QString &reason, const QByteArray &packet);
 
 private:
     struct Command;

@@ -52,6 +52,7 @@ struct Bench {
         , volunteered(&terminal, &Terminal::volunteered)
         , dropped_off(&terminal, &Terminal::droppedOff)
         , malformed(&terminal, &Terminal::malformedReceived)
+        , misplaced(&terminal, &Terminal::misplacedReceived)
     {
     }
 
@@ -65,10 +66,12 @@ struct Bench {
         return bytes;
     }
 
-    [[nodiscard]] QStringList complaints() const
+    [[nodiscard]] QStringList complaints() const { return lines(malformed) + lines(misplaced); }
+
+    static QStringList lines(const QSignalSpy &complaints)
     {
         QStringList lines;
-        for (const QList<QVariant> &arguments : malformed)
+        for (const QList<QVariant> &arguments : complaints)
             lines.append(arguments[0].toString() + QStringLiteral(": ")
                 + QString::fromLatin1(arguments[1].toByteArray().toHex()));
         return lines;
@@ -79,6 +82,7 @@ struct Bench {
     QSignalSpy volunteered;
     QSignalSpy dropped_off;
     QSignalSpy malformed;
+    QSignalSpy misplaced;
 };
 
 /// \a packet, a request about the file kind 2, for another kind.
@@ -108,6 +112,7 @@ private Q_SLOTS:
     void requestsInOneReadAreAllAnswered();
     void whatIsNoCorrectRequestIsReported_data();
     void whatIsNoCorrectRequestIsReported();
+    void aMisplacedRequestIsReportedAndRefused();
     void aRequestBehindGarbageIsAnswered();
     void anIncompletePacketIsReportedWhenTheLineIsLost();
     void aFixedAnswerTakesThePlaceOfTheTrueOne();
@@ -220,6 +225,16 @@ void SimulatorTest::whatIsNoCorrectRequestIsReported()
     bench.terminal.receive(bytes);
     QCOMPARE(bench.complaints(), QStringList{reason + QStringLiteral(": ") + QString::fromLatin1(bytes.toHex())});
     QCOMPARE(bench.answers(), QByteArray());
+}
+
+void SimulatorTest::aMisplacedRequestIsReportedAndRefused()
+{
+    Bench bench;
+    bench.terminal.receive(apply_keys);
+    QCOMPARE(bench.misplaced.count(), 1);
+    QCOMPARE(bench.complaints(),
+        QStringList{QStringLiteral("nothing written to apply: ") + QString::fromLatin1(apply_keys.toHex())});
+    QCOMPARE(bench.answers(), QByteArray::fromHex("404a5658010000000000000006007e7d2a4046550502"));
 }
 
 void SimulatorTest::aRequestBehindGarbageIsAnswered()
