@@ -1,5 +1,5 @@
 // The protocol engine, on a port without a device and beside a model of it: any order of requests, answers, records,
-// garbage, time-outs, and a port that closes and opens again.
+// garbage, time-outs, and a port that fails, also while it is written to, closes and opens again.
 
 #include "jvxb.h"
 #include "model.h"
@@ -19,12 +19,19 @@ void dropMessage(QtMsgType /*type*/, const QMessageLogContext & /*context*/, con
     // Writing to a closed port is worth a warning of the framework each time.
 }
 
-/// What happens inside the slot of the next signal.
+/// What happens inside the slot of the next signal. Only the next error of the port ends the oldest request: the signal
+/// of a result belongs to a request that ends by itself.
 struct Reaction {
-    enum class Kind { None, Begin, Close };
+    enum class Kind { None, Begin, Close, EndAtError };
     Kind kind = Kind::None;
     model::Request request;
 };
+
+/// What \a waits for a signal and is now due, if anything; it waits no more.
+Reaction takenFrom(Reaction &waits, bool is_error)
+{
+    return waits.kind == Reaction::Kind::EndAtError && !is_error ? Reaction() : std::exchange(waits, {});
+}
 
 /// The engine and the model of it, which have to do the same.
 class Bench {
@@ -35,7 +42,7 @@ public:
         connectIdentification();
         connectFiles();
         connectLog();
-        _model.onEvent = [this] { reactInModel(); };
+        _model.onEvent = [this](bool is_error) { reactInModel(is_error); };
     }
 
     [[nodiscard]] const QList<std::shared_ptr<model::Request>> &pending() const { return _model.pending(); }
@@ -83,16 +90,22 @@ public:
 
     void end(qsizetype index)
     {
-        --_begun;
-        _protocol.end(transactions().at(index));
+        endInProtocol(index);
         _model.end(index);
     }
 
-    void reportError(bool is_error)
+    void clearError() { _port.fail(QSerialPort::NoError, QStringLiteral("none")); }
+
+    void reportError()
     {
-        _port.fail(is_error ? QSerialPort::ResourceError : QSerialPort::NoError, QStringLiteral("gone"));
-        require(std::exchange(_errors, {}) == (is_error ? QStringList{QStringLiteral("gone")} : QStringList()),
-            "an error of the port is reported, once");
+        _port.fail(QSerialPort::ResourceError, QStringLiteral("gone"));
+        _model.reportError(QStringLiteral("gone"));
+    }
+
+    void failNextWrite()
+    {
+        _port.failNextWrite(QSerialPort::WriteError, QStringLiteral("stuck"));
+        _model.failNextWrite(QStringLiteral("stuck"));
     }
 
     /// Whether both have done the same, and are in the same state, since the last time.
@@ -150,15 +163,23 @@ private:
             _protocol.logEnable(request.parameter);
     }
 
-    void record(const QByteArray &event)
+    void endInProtocol(qsizetype index)
+    {
+        --_begun;
+        _protocol.end(transactions().at(index));
+    }
+
+    void record(const QByteArray &event, bool is_error = false)
     {
         _events += event;
-        const Reaction reaction = std::exchange(_protocol_reaction, {});
+        const Reaction reaction = takenFrom(_protocol_reaction, is_error);
         if (reaction.kind == Reaction::Kind::Begin) {
             ++_begun;
             beginInProtocol(reaction.request);
         } else if (reaction.kind == Reaction::Kind::Close) {
             _port.close();
+        } else if (reaction.kind == Reaction::Kind::EndAtError && !transactions().isEmpty()) {
+            endInProtocol(0);
         }
     }
 
@@ -169,13 +190,15 @@ private:
         record(event);
     }
 
-    void reactInModel()
+    void reactInModel(bool is_error)
     {
-        const Reaction reaction = std::exchange(_model_reaction, {});
+        const Reaction reaction = takenFrom(_model_reaction, is_error);
         if (reaction.kind == Reaction::Kind::Begin)
             _model.begin(reaction.request);
         else if (reaction.kind == Reaction::Kind::Close)
             _model.close();
+        else if (reaction.kind == Reaction::Kind::EndAtError && !_model.pending().isEmpty())
+            _model.end(0);
     }
 
     static int code(jvxb::Error error) { return static_cast<int>(error); }
@@ -197,7 +220,8 @@ private:
         QObject::connect(&_protocol, &Protocol::serialNumberReaded, &_port, [this](Error error, const QString &sn) {
             recordResult(error, sn.isEmpty(), model::event("serial", code(error), sn));
         });
-        QObject::connect(&_protocol, &Protocol::errorOccured, &_port, [this](const QString &text) { _errors += text; });
+        QObject::connect(&_protocol, &Protocol::errorOccured, &_port,
+            [this](const QString &text) { record(model::event("error", text), true); });
     }
 
     void connectFiles()
@@ -243,8 +267,7 @@ private:
     jvxb::Protocol _protocol;
     model::Engine _model;
     QByteArrayList _events; ///< of the protocol, as the model writes them
-    QStringList _errors;
-    qsizetype _seen = 0; ///< packets compared
+    qsizetype _seen = 0;    ///< packets compared
     qsizetype _piece_size = 0;
     Reaction _protocol_reaction;
     Reaction _model_reaction;
@@ -316,6 +339,28 @@ void stepOfOneRequest(Bench &bench, Input &input)
         bench.deliver(answerTo(*bench.pending().at(index), input));
 }
 
+Reaction takeReaction(Input &input)
+{
+    switch (input.byte() % 3) {
+    case 0:
+        return {Reaction::Kind::Begin, takeRequest(input)};
+    case 1:
+        return {Reaction::Kind::Close, {}};
+    default:
+        return {Reaction::Kind::EndAtError, {}};
+    }
+}
+
+void fail(Bench &bench, int manner)
+{
+    if (manner == 0)
+        bench.clearError();
+    else if (manner == 1)
+        bench.reportError();
+    else
+        bench.failNextWrite();
+}
+
 void step(Bench &bench, Input &input)
 {
     constexpr qsizetype most_requests = 20; // what the model copies for each body
@@ -335,10 +380,9 @@ void step(Bench &bench, Input &input)
     case 6:
         return bench.setPieceSize(input.byte());
     case 7:
-        return input.byte() % 2 == 0 ? bench.setReaction({Reaction::Kind::Begin, takeRequest(input)})
-                                     : bench.setReaction({Reaction::Kind::Close, {}});
+        return bench.setReaction(takeReaction(input));
     case 8:
-        return bench.reportError(input.byte() % 2 == 1);
+        return fail(bench, input.byte() % 3);
     default:
         return stepOfOneRequest(bench, input);
     }

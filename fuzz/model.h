@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 /// The protocol a second time, step by step as docs/protocol.md tells it, without a thought for speed and without any
 /// code of the tool.
@@ -68,9 +69,11 @@ struct Request {
 /// The tool's end of the line. What it does is kept until the caller has looked at it.
 class Engine {
 public:
-    QByteArrayList events;         ///< signals
-    QByteArrayList written;        ///< packets
-    std::function<void()> onEvent; ///< called after each signal, before anything else is done
+    QByteArrayList events;  ///< signals
+    QByteArrayList written; ///< packets
+
+    /// Called after each signal, before anything else is done, with whether it is that of an error of the port.
+    std::function<void(bool is_error)> onEvent;
 
     [[nodiscard]] const QList<std::shared_ptr<Request>> &pending() const { return _pending; }
 
@@ -115,17 +118,26 @@ public:
 
     void end(qsizetype index) { _pending.removeAt(index); }
 
+    void reportError(const QString &text) { report(event("error", text), true); }
+
+    /// The next write to the open port reports \a text and takes nothing.
+    void failNextWrite(const QString &text) { _next_error = text; }
+
 private:
     void write(const QByteArray &body)
     {
-        if (_is_open)
+        if (!_is_open)
+            return;
+        if (_next_error.isEmpty())
             written += request(body);
+        else
+            reportError(std::exchange(_next_error, {}));
     }
 
-    void report(const QByteArray &event)
+    void report(const QByteArray &event, bool is_error = false)
     {
         events += event;
-        onEvent();
+        onEvent(is_error);
     }
 
     void askForPiece(const Request &request, quint64 handle)
@@ -265,6 +277,7 @@ private:
     SlowSearch _stream;
     QList<std::shared_ptr<Request>> _pending; ///< oldest first
     bool _is_open = true;
+    QString _next_error; ///< of the next write, empty: none
 };
 
 } // namespace model
