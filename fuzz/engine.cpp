@@ -282,7 +282,8 @@ model::Request takeRequest(Input &input)
     request.key = keys.at(input.byte() % keys.size());
     if (request.key == "FW") {
         const auto size = static_cast<qsizetype>(input.number(2) % 2000);
-        request.data = QByteArray(size, static_cast<char>(input.byte()));
+        const auto content = static_cast<char>(input.byte());
+        request.data = QByteArray(size, content);
     }
     if (request.key.startsWith('F'))
         request.kind = input.byte();
@@ -299,19 +300,25 @@ quint32 field(Input &input, quint32 usual, int size)
 
 QByteArray fileAnswer(const model::Request &request, Input &input)
 {
-    QByteArray payload = packets::number(field(input, '1', 1), 1) + packets::number(field(input, request.kind, 1), 1);
+    const quint32 status = field(input, '1', 1);
+    const quint32 kind = field(input, request.kind, 1);
+    QByteArray payload = packets::number(status, 1) + packets::number(kind, 1);
     if (request.key == "FU")
         return payload + input.bytes();
-    const auto size = static_cast<quint32>(request.data.size());
     const quint32 length = field(input, 512, 2) % 1500;
-    payload += packets::number(input.byte(), 4) + packets::number(field(input, input.byte() * 128U, 4), 4)
-        + packets::number(length, 2);
+    const quint8 handle = input.byte();
+    const quint32 usual_offset = input.byte() * 128U;
+    const quint32 offset = field(input, usual_offset, 4);
+    payload += packets::number(handle, 4) + packets::number(offset, 4) + packets::number(length, 2);
     if (request.key == "FR") {
         const quint32 brought = field(input, length, 2) % 1500;
-        payload += packets::number(field(input, size + input.byte() * 8U, 4), 4)
-            + QByteArray(static_cast<qsizetype>(brought), static_cast<char>(input.byte()));
+        const quint32 usual_size = static_cast<quint32>(request.data.size()) + input.byte() * 8U;
+        const quint32 size = field(input, usual_size, 4);
+        const auto content = static_cast<char>(input.byte());
+        payload += packets::number(size, 4) + QByteArray(static_cast<qsizetype>(brought), content);
     }
-    return payload.first(payload.size() - std::min<qsizetype>(field(input, 0, 1), payload.size()));
+    const quint32 missing = field(input, 0, 1);
+    return payload.first(payload.size() - std::min<qsizetype>(missing, payload.size()));
 }
 
 QByteArray answerTo(const model::Request &request, Input &input)
@@ -321,7 +328,8 @@ QByteArray answerTo(const model::Request &request, Input &input)
     if (request.key == "LOG")
         return packets::packet("*@LOG" + input.bytes());
     static const std::array<QByteArray, 3> beginnings{"", ":", ":BHR:"};
-    return packets::packet("*#" + request.key + beginnings.at(input.byte() % 3) + input.bytes());
+    const QByteArray &beginning = beginnings.at(input.byte() % 3);
+    return packets::packet("*#" + request.key + beginning + input.bytes());
 }
 
 void stepOfOneRequest(Bench &bench, Input &input)
@@ -363,7 +371,7 @@ void fail(Bench &bench, int manner)
 
 void step(Bench &bench, Input &input)
 {
-    constexpr qsizetype most_requests = 20; // what the model copies for each body
+    constexpr qsizetype most_requests = 20; // the model copies the list of them for each body
     switch (input.byte() % 10) {
     case 0:
         return bench.pending().size() < most_requests ? bench.begin(takeRequest(input)) : void();

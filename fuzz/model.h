@@ -18,21 +18,7 @@
 /// code of the tool.
 namespace model {
 
-inline quint64 numberAt(const QByteArray &bytes, qsizetype offset, int size)
-{
-    quint64 value = 0;
-    for (int i = size; i > 0; --i)
-        value = value << 8 | static_cast<quint8>(bytes[offset + i - 1]);
-    return value;
-}
-
-/// The packet around \a body as the tool sends it.
-inline QByteArray request(const QByteArray &body)
-{
-    QByteArray bytes = "@JVX" + packets::number(0, 4) + packets::number(1, 4)
-        + packets::number(static_cast<quint64>(body.size()), 2) + packets::exclusiveOr(body);
-    return bytes.append(packets::exclusiveOr(bytes)) + body;
-}
+using packets::numberAt;
 
 // One line of text for each signal: its name, then its arguments.
 inline QByteArray text(qint64 value)
@@ -129,7 +115,7 @@ private:
         if (!_is_open)
             return;
         if (_next_error.isEmpty())
-            written += request(body);
+            written += packets::request(body);
         else
             reportError(std::exchange(_next_error, {}));
     }

@@ -15,7 +15,8 @@ int main(int argc, char *argv[])
     int count = 0;
     for (const auto &entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
-        const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+        std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+        bytes.shrink_to_fit(); // so that the sanitizer sees a look behind their end
         std::fprintf(stderr, "%s\n", entry.path().filename().c_str());
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
         ++count;

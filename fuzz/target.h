@@ -14,6 +14,13 @@
 /// The entry point of each target: tries one input, of any \a size in bytes. Returns 0; a finding ends the process.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
 
+/// Whether only the known inputs are tried, a few and each once.
+#ifdef JVX_REPLAY
+constexpr bool is_replay = true;
+#else
+constexpr bool is_replay = false;
+#endif
+
 /// Ends the process, which is a finding, unless \a holds; \a what tells what should have held.
 inline void require(bool holds, const char *what)
 {
@@ -24,6 +31,7 @@ inline void require(bool holds, const char *what)
 }
 
 /// An input, consumed from its front as the decisions that a target has to make. Behind its end all is 0 and empty.
+/// Each value is taken in a statement of its own: compilers differ in the order in which they look at the parts of one.
 class Input {
 public:
     Input(const std::uint8_t *data, std::size_t size)

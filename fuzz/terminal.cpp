@@ -11,20 +11,10 @@ namespace {
 
 constexpr qsizetype header_size = 16;
 
+/// A number of 4 bytes at most.
 quint32 numberAt(const QByteArray &bytes, qsizetype offset, int size)
 {
-    quint32 value = 0;
-    for (int i = size; i > 0; --i)
-        value = value << 8 | static_cast<quint8>(bytes[offset + i - 1]);
-    return value;
-}
-
-/// The packet around \a body as the tool would send it.
-QByteArray requestPacket(const QByteArray &body)
-{
-    QByteArray bytes = "@JVX" + packets::number(0, 4) + packets::number(1, 4)
-        + packets::number(static_cast<quint64>(body.size()), 2) + packets::exclusiveOr(body);
-    return bytes.append(packets::exclusiveOr(bytes)) + body;
+    return static_cast<quint32>(packets::numberAt(bytes, offset, size));
 }
 
 /// Whether \a bytes are one packet with right checksums.
@@ -70,8 +60,10 @@ TerminalSettings settingsFrom(Input &input)
             settings.vanishing_keys.insert(key);
         else if (manner == 2)
             settings.fixed_answers.insert(key, input.bytes());
-        else
-            settings.statuses.insert({key, input.byte()}, input.byte());
+        else {
+            const int number = input.byte();
+            settings.statuses.insert({key, number}, input.byte());
+        }
     }
     return settings;
 }
@@ -169,7 +161,7 @@ private:
         require(!_current.isEmpty(), "an answer follows its packet, once");
         const QByteArray request = std::exchange(_current, {}).sliced(header_size);
         const QByteArray body = answer.sliced(header_size);
-        require(body[0] == '*' && body[1] == (request[1] == '?' ? '#' : '@') && body[2] == request[2],
+        require(body.startsWith((request[1] == '?' ? "*#" : "*@") + keyOf(request)),
             "an answer bears the direction and key of its request");
         if (isFixed(request))
             return;
@@ -180,6 +172,16 @@ private:
             _handle = numberAt(body, 6, 4);
             _position = numberAt(body, 10, 4) + numberAt(body, 14, 2);
         }
+    }
+
+    /// No key is the beginning of another one.
+    static QByteArray keyOf(const QByteArray &request)
+    {
+        const QByteArrayList keys = Terminal::keys();
+        const auto key = std::find_if(keys.begin(), keys.end(),
+            [&request](const QByteArray &each) { return request.sliced(2).startsWith(each); });
+        require(key != keys.end(), "only requests with a key are answered");
+        return *key;
     }
 
     [[nodiscard]] bool isFixed(const QByteArray &request) const
@@ -225,8 +227,9 @@ public:
         _kind = is_first ? input.byte() % 13 : _kind;
         const quint32 handle = field(input, is_first ? 0 : _bench.handle(), 4);
         const quint32 offset = field(input, is_first ? 0 : _bench.position(), 4);
-        _bench.send(requestPacket("*!FR" + packets::number(_kind, 1) + packets::number(handle, 4)
-            + packets::number(offset, 4) + packets::number(field(input, 512, 2), 2)));
+        const quint32 length = field(input, 512, 2);
+        _bench.send(packets::request("*!FR" + packets::number(_kind, 1) + packets::number(handle, 4)
+            + packets::number(offset, 4) + packets::number(length, 2)));
     }
 
     void write(Input &input)
@@ -234,14 +237,15 @@ public:
         const bool is_first = input.byte() % 4 == 0;
         if (is_first) {
             _kind = input.byte() % 13;
-            _file = QByteArray(static_cast<qsizetype>(input.number(2) % 1600), static_cast<char>(input.byte()));
+            const auto size = static_cast<qsizetype>(input.number(2) % 1600);
+            _file = QByteArray(size, static_cast<char>(input.byte()));
         }
         const quint32 handle = field(input, is_first ? 0 : _bench.handle(), 4);
         const quint32 offset = field(input, is_first ? 0 : _bench.position(), 4);
         const QByteArray piece = _file.mid(offset, 512);
         const quint32 length = field(input, static_cast<quint32>(piece.size()), 2);
         const quint32 total = field(input, static_cast<quint32>(_file.size()), 4);
-        _bench.send(requestPacket("*!FW" + packets::number(_kind, 1) + packets::number(handle, 4)
+        _bench.send(packets::request("*!FW" + packets::number(_kind, 1) + packets::number(handle, 4)
             + packets::number(offset, 4) + packets::number(length, 2) + packets::number(total, 4) + piece));
     }
 
@@ -249,8 +253,11 @@ public:
     {
         const auto *bytes = reinterpret_cast<const Bytef *>(_file.constData());
         const auto checksum = static_cast<quint32>(::crc32_z(0, bytes, static_cast<z_size_t>(_file.size())));
-        _bench.send(requestPacket("*!FU" + packets::number(field(input, _kind, 1), 1)
-            + packets::number(field(input, 0, 4), 4) + packets::number(field(input, checksum, 4), 4)));
+        const quint32 kind = field(input, _kind, 1);
+        const quint32 handle = field(input, 0, 4);
+        const quint32 told_checksum = field(input, checksum, 4);
+        _bench.send(packets::request(
+            "*!FU" + packets::number(kind, 1) + packets::number(handle, 4) + packets::number(told_checksum, 4)));
     }
 
 private:
@@ -264,7 +271,7 @@ void sendRequest(Bench &bench, Input &input)
     const QByteArrayList keys = Terminal::keys();
     const QByteArray directed = input.byte() % 2 == 0 ? "*?" : "*!";
     const QByteArray key = keys.at(input.byte() % keys.size());
-    bench.send(requestPacket(directed + key + input.bytes()));
+    bench.send(packets::request(directed + key + input.bytes()));
 }
 
 void step(Bench &bench, Tool &tool, Input &input)
@@ -273,7 +280,7 @@ void step(Bench &bench, Tool &tool, Input &input)
     case 0:
         return bench.send(input.bytes());
     case 1:
-        return bench.send(requestPacket(input.bytes()));
+        return bench.send(packets::request(input.bytes()));
     case 2:
         return sendRequest(bench, input);
     case 3:

@@ -2,7 +2,7 @@
 
 #include <QByteArray>
 
-/// Packets as a terminal or a broken line would send them, built without the code under test.
+/// Packets as a terminal, a broken line or the tool would send them, built without the code under test.
 namespace packets {
 
 inline char exclusiveOr(const QByteArray &bytes)
@@ -20,6 +20,15 @@ inline QByteArray number(quint64 value, int size)
     for (int i = 0; i < size; ++i)
         bytes.append(static_cast<char>(value >> (8 * i) & 0xFF));
     return bytes;
+}
+
+/// The number in the \a size bytes at \a offset, the least significant first; all of them are there.
+inline quint64 numberAt(const QByteArray &bytes, qsizetype offset, int size)
+{
+    quint64 value = 0;
+    for (int i = size; i > 0; --i)
+        value = value << 8 | static_cast<quint8>(bytes[offset + i - 1]);
+    return value;
 }
 
 /// \a size bytes of a file in which no piece of 512 bytes resembles another.
@@ -43,6 +52,14 @@ inline QByteArray header(quint16 length, char body_sum)
 inline QByteArray packet(const QByteArray &body)
 {
     return header(static_cast<quint16>(body.size()), exclusiveOr(body)) + body;
+}
+
+/// The packet around \a body as the tool sends it: with the addresses the other way round.
+inline QByteArray request(const QByteArray &body)
+{
+    QByteArray bytes
+        = "@JVX" + number(0, 4) + number(1, 4) + number(static_cast<quint64>(body.size()), 2) + exclusiveOr(body);
+    return bytes.append(exclusiveOr(bytes)) + body;
 }
 
 /// \a body in a packet whose body checksum is wrong and whose header is right.
