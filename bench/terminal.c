@@ -20,6 +20,7 @@ typedef struct Terminal {
     struct timespec latency;
     uint32_t records;
     Content file;
+    size_t taken; // bytes of it that a write has brought, in order
 } Terminal;
 
 /// Opens a pseudo-terminal and prints the name of its other side, which stays open: without anybody there a read would
@@ -82,14 +83,15 @@ static void servePiece(const Terminal *terminal, const Packet *request)
 }
 
 /// Request: "*!FW", kind (1), handle (4), offset (4), length (2), size of the file (4), piece.
-static void takePiece(const Terminal *terminal, const Packet *request)
+static void takePiece(Terminal *terminal, const Packet *request)
 {
     const Content *const file = &terminal->file;
     const uint32_t offset = numberAt(request, 9, 4);
     const size_t length = numberAt(request, 13, 2);
-    if (numberAt(request, 15, 4) != file->size || offset + length > file->size
+    if (numberAt(request, 15, 4) != file->size || offset != terminal->taken || offset + length > file->size
         || memcmp(bytesAt(request, 19, length), file->bytes + offset, length) != 0)
         die("write request");
+    terminal->taken += length;
     Packet packet;
     beginFileAnswer(&packet, "*@FW", numberAt(request, 4, 1), offset, length);
     answer(terminal, &packet);
@@ -113,6 +115,8 @@ static void sendRecord(const Terminal *terminal, uint32_t number)
 /// Request: "*!LOG", mask (4).
 static void enableLog(const Terminal *terminal, const Packet *request)
 {
+    if (terminal->taken != 0 && terminal->taken != terminal->file.size)
+        die("end of a write");
     const uint32_t mask = numberAt(request, 5, 4);
     Packet packet;
     beginPacket(&packet, "*@LOG");
@@ -122,7 +126,7 @@ static void enableLog(const Terminal *terminal, const Packet *request)
         sendRecord(terminal, number);
 }
 
-static void serve(const Terminal *terminal, const Packet *request)
+static void serve(Terminal *terminal, const Packet *request)
 {
     if (startsWith(request, "*!FR"))
         servePiece(terminal, request);

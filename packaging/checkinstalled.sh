@@ -48,7 +48,8 @@ say "Identify, read, write and apply, and watch the log of a simulated terminal"
 as_user 'set -e
     mkdir files
     jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 & simulator=$!
-    until [ -e terminal ]; do sleep 0.1; done
+    trap "kill $simulator 2>/dev/null || :" EXIT
+    until [ -e terminal ]; do kill -0 $simulator; sleep 0.1; done
     jvx-loader -p ~/terminal
     printf 123456789 >keys.bin
     jvx-loader -p ~/terminal -w -f keys keys.bin -a
@@ -56,7 +57,7 @@ as_user 'set -e
     cmp keys.bin read.bin
     rc=0; timeout 3 jvx-loader -p ~/terminal -m >log || rc=$?
     [ $rc = 124 ]
-    grep "\[" log | tail -n 2
+    grep -m 2 "\] #" log
     kill $simulator
     wait $simulator'
 
