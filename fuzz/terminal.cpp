@@ -122,8 +122,7 @@ public:
 private:
     void sendPiece(const QByteArray &bytes)
     {
-        if (_on_bus)
-            _waiting.append(bytes);
+        _waiting.append(bytes);
         _terminal.receive(bytes);
         if (!_on_bus)
             _waiting.clear();

@@ -107,6 +107,7 @@ Reply FileTransfers::apply(const QByteArray &payload)
     if (wire::read<quint32>(payload, checksum_offset) != _written_checksums.value(kind))
         return refused(wrong_checksum, kind, QStringLiteral("wrong checksum"));
 
+    _written_checksums.remove(kind);
     QByteArray answer;
     wire::append(answer, quint8{success});
     wire::append(answer, kind);

@@ -78,5 +78,5 @@ private:
     quint32 _last_handle = 0xA1B2C300; ///< all four bytes differ, to show one that is lost or swapped
     std::optional<Transfer> _read;
     std::optional<Transfer> _write;
-    QHash<quint8, quint32> _written_checksums; ///< CRC-32 of the files written completely
+    QHash<quint8, quint32> _written_checksums; ///< CRC-32 of the files written completely and not applied yet
 };

@@ -26,7 +26,7 @@ public:
 
     [[nodiscard]] QString errorString() const { return _error_string; }
 
-    /// Whether anything but well-formed requests came in so far.
+    /// Whether a malformed or a misplaced request has come in so far.
     [[nodiscard]] bool hasComplained() const { return _has_complained; }
 
 Q_SIGNALS:

@@ -92,6 +92,8 @@ QList<QByteArray> Terminal::fileKeys()
 
 void Terminal::receive(const QByteArray &bytes)
 {
+    if (_is_applying)
+        Q_EMIT malformedReceived(QStringLiteral("bytes behind an apply"), bytes);
     if (!_on_bus)
         return;
     _has_heard = true;
@@ -132,6 +134,7 @@ bool Terminal::sendLogRecord()
 
 void Terminal::powerUp()
 {
+    _is_applying = false;
     _has_heard = false;
     _mask = _settings.mask;
     _transfers.forget();
@@ -246,6 +249,9 @@ quint32 Terminal::effectiveMask() const
 /// A terminal that installs firmware without an answer is deaf for a while before it drops off.
 void Terminal::restart(bool has_answered)
 {
+    _is_applying = true;
+    if (!_stream.isEmpty())
+        Q_EMIT malformedReceived(QStringLiteral("bytes behind an apply"), std::exchange(_stream, {}));
     if (has_answered) {
         dropOff();
         return;

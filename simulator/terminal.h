@@ -64,7 +64,8 @@ public:
     /// Those among them that are about files.
     static QList<QByteArray> fileKeys();
 
-    /// Takes bytes from the line, in pieces of any size. Does nothing while the terminal is off the bus.
+    /// Takes bytes from the line, in pieces of any size. While the terminal is off the bus nobody hears them; behind an
+    /// apply that is accepted there should be none, though, and they are reported as malformed.
     void receive(const QByteArray &bytes);
 
     /// The line is gone or the run ends: reports bytes of a packet that never became complete.
@@ -126,5 +127,6 @@ private:
     QByteArray _stream;
     quint32 _mask;
     bool _on_bus = true;
-    bool _has_heard = false; ///< whether any byte came in since power-up
+    bool _is_applying = false; ///< an apply was accepted, and the terminal is not back yet
+    bool _has_heard = false;   ///< whether any byte came in since power-up
 };

@@ -375,6 +375,13 @@ void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
     bench.terminal.receive(ask_serial_number);
     QTRY_COMPARE(bench.dropped_off.count(), 1);
     QCOMPARE(bench.answered.count(), answers);
+    const QString complaint
+        = QStringLiteral("bytes behind an apply: ") + QString::fromLatin1(ask_serial_number.toHex());
+    QCOMPARE(bench.complaints(), QStringList{complaint});
+    bench.terminal.powerUp();
+    bench.terminal.receive(ask_serial_number);
+    QCOMPARE(bench.answered.count(), answers + 1);
+    QCOMPARE(bench.complaints(), QStringList{complaint});
 }
 
 void SimulatorTest::theLastBytesComeBeforeTheDrop()

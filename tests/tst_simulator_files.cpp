@@ -381,6 +381,9 @@ void SimulatorFilesTest::theChecksumOfTheWrittenFileApplies()
     QCOMPARE(reply.payload.value(), QByteArray("1\x02\0\0\0\0", 6));
     QCOMPARE(reply.complaint, QString());
     QVERIFY(reply.restarts);
+    const Reply again = transfers.apply(applyRequest(keys_kind, 0, 0xCBF43926));
+    QCOMPARE(again.payload.value(), QByteArray("\x05\x02"));
+    QCOMPARE(again.complaint, QStringLiteral("nothing written to apply"));
 }
 
 void SimulatorFilesTest::aWrongApplyIsRefusedAndReported_data()
