@@ -5,18 +5,16 @@
 
 #include <QTest>
 
+#include <csignal>
+
 /// The reader of the tool's output leaves: what is done for the terminal is done to its end all the same, but the log
 /// is not printed to nobody.
 class AudienceTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void aWriteOutlivesItsReader_data();
-    void aWriteOutlivesItsReader();
-    void anApplyOutlivesItsReader_data();
-    void anApplyOutlivesItsReader();
-    void aReadOutlivesItsReader_data();
-    void aReadOutlivesItsReader();
+    void aTransferOutlivesItsReader_data();
+    void aTransferOutlivesItsReader();
     void aFailureKeepsItsCode_data();
     void aFailureKeepsItsCode();
     void theLogEndsWithItsReader_data();
@@ -26,15 +24,6 @@ private Q_SLOTS:
 namespace {
 
 const QByteArray settings = files::sample(100'000);
-
-/// The rows: what reads the output, and how many lines that are.
-void readers()
-{
-    QTest::addColumn<QString>("reader");
-    QTest::addColumn<int>("lines");
-    QTest::newRow("gone before the start") << QStringLiteral("true") << 0;
-    QTest::newRow("gone after three lines") << QStringLiteral("head -n 3") << 3;
-}
 
 /// The tool, its output going to \a reader. One that reads nothing has left before the tool starts.
 Tool toolRead(const QString &reader, const QStringList &arguments, const QStringList &environment = {})
@@ -56,58 +45,33 @@ Run readUpTo(int lines, int code, const QByteArray &output)
 
 } // namespace
 
-void AudienceTest::aWriteOutlivesItsReader_data()
+void AudienceTest::aTransferOutlivesItsReader_data()
 {
-    readers();
+    QTest::addColumn<QByteArray>("options");
+    QTest::addColumn<QString>("reader");
+    QTest::addColumn<int>("lines");
+    for (const QByteArray options : {"-w", "-w -a", "-r"}) {
+        QTest::addRow("%s, gone before the start", options.constData()) << options << QStringLiteral("true") << 0;
+        QTest::addRow("%s, gone after three lines", options.constData()) << options << QStringLiteral("head -n 3") << 3;
+    }
 }
 
-void AudienceTest::aWriteOutlivesItsReader()
+void AudienceTest::aTransferOutlivesItsReader()
 {
+    QFETCH(QByteArray, options);
     QFETCH(QString, reader);
     FilingTerminal terminal;
     const QString local = terminal.path(QStringLiteral("local.bin"));
-    files::store(local, settings);
-    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-w -f settings", local)).finish();
+    const QString own = terminal.own(QStringLiteral("settings"));
+    files::store(options == "-r" ? own : local, settings);
+    const Run run = toolRead(reader, argumentsOn(terminal.port(), options + " -f settings", local)).finish();
     QFETCH(int, lines);
     QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
-    QCOMPARE(files::content(terminal.own(QStringLiteral("settings"))), settings);
-}
-
-void AudienceTest::anApplyOutlivesItsReader_data()
-{
-    readers();
-}
-
-void AudienceTest::anApplyOutlivesItsReader()
-{
-    QFETCH(QString, reader);
-    FilingTerminal terminal;
-    const QString local = terminal.path(QStringLiteral("local.bin"));
-    files::store(local, settings);
-    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-w -a -f settings", local)).finish();
-    QFETCH(int, lines);
-    QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
-    QCOMPARE(files::content(terminal.own(QStringLiteral("settings"))), settings);
-    // The terminal has restarted, and has been asked for its log after that.
-    QCOMPARE(terminal.record().mid(terminal.record().size() - 3, 2), QByteArrayList({"# unplugged", "# link up"}));
-    QCOMPARE(terminal.requests().constLast(), QByteArray("2a214c4f4700400000"));
-}
-
-void AudienceTest::aReadOutlivesItsReader_data()
-{
-    readers();
-}
-
-void AudienceTest::aReadOutlivesItsReader()
-{
-    QFETCH(QString, reader);
-    FilingTerminal terminal;
-    files::store(terminal.own(QStringLiteral("settings")), settings);
-    const QString local = terminal.path(QStringLiteral("local.bin"));
-    const Run run = toolRead(reader, argumentsOn(terminal.port(), "-r -f settings", local)).finish();
-    QFETCH(int, lines);
-    QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
+    QCOMPARE(files::content(own), settings);
     QCOMPARE(files::content(local), settings);
+    // An apply restarts the terminal, which is asked for its log in any case.
+    QCOMPARE(terminal.record().count("# unplugged"), options == "-w -a" ? 1 : 0);
+    QCOMPARE(terminal.requests().constLast(), log_mask_request);
 }
 
 void AudienceTest::aFailureKeepsItsCode_data()
@@ -144,8 +108,8 @@ void AudienceTest::theLogEndsWithItsReader()
     const QByteArray record("00:00:00 000 [1] #0 ignition on\r\n");
     const Run run = toolRead(reader, argumentsOn(terminal.port(), "-m"), words("TZ=UTC0")).finish();
     QFETCH(int, lines);
-    QCOMPARE(run, readUpTo(lines, ended_by_signal, console::identification(terminal.port()) + record));
-    QVERIFY(terminal.requests().contains("2a214c4f4700400000"));
+    QCOMPARE(run, readUpTo(lines, endedBy(SIGPIPE), console::identification(terminal.port()) + record));
+    QVERIFY(terminal.requests().contains(log_mask_request));
 }
 
 QTEST_GUILESS_MAIN(AudienceTest)

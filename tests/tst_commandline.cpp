@@ -293,8 +293,8 @@ void CommandLineTest::aMisuseIsExplainedOnStandardError_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("named");
     commandLine("--nosuchoption") << QByteArrayLiteral("nosuchoption");
-    commandLine("-x") << QByteArrayLiteral("x");
-    commandLine("-r file -x") << QByteArrayLiteral("x");
+    commandLine("-x") << QByteArrayLiteral("'x'");
+    commandLine("-r file -x") << QByteArrayLiteral("'x'");
     commandLine("-f") << QByteArrayLiteral("-f");
     commandLine("--file") << QByteArrayLiteral("--file");
     commandLine("-p") << QByteArrayLiteral("-p");

@@ -98,9 +98,7 @@ void CompletionTest::shells()
 
 void CompletionTest::write(const QString &name, const QByteArray &content) const
 {
-    QFile file(_home.filePath(name));
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qUtf8Printable(name));
+    files::store(_home.filePath(name), content);
 }
 
 /// What the groups of \a pattern capture in the help, sorted.
@@ -136,9 +134,9 @@ QStringList CompletionTest::offered(const QString &shell, const QString &words, 
     QStringList result = QString::fromUtf8(files::content(_home.filePath(QStringLiteral("offered"))))
                              .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     if (!QFile::remove(_home.filePath(QStringLiteral("offered"))))
-        qFatal("no answer from %s", qUtf8Printable(shell));
+        QTest::qFail(qPrintable(QStringLiteral("no answer from ") + shell), __FILE__, __LINE__);
     if (shell != QStringLiteral("fish")) {
-        result = result.sliced(words_before);
+        result = result.mid(words_before);
         result.removeAll(begun); // nothing was offered
     }
     // The shells differ in how they show a folder, and the value in one word with its option.

@@ -64,8 +64,6 @@ void portsRow(const char *name, const Ports &ports)
     QTest::newRow(name) << ports;
 }
 
-const QByteArray log_mask_request = "2a214c4f4700400000";
-
 } // namespace
 
 void DiscoveryTest::foreignPortsAreNoTerminals_data()

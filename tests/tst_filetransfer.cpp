@@ -98,8 +98,6 @@ QByteArray brokenOff(const QByteArray &error)
     return "\n\n" + errorLine(error);
 }
 
-const QByteArray log_mask_request = "2a214c4f4700400000";
-
 } // namespace
 
 void FileTransferTest::addSizes()

@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QTest>
 
+#include <csignal>
+
 /// The tool identifies a terminal and exits; both are processes of their own, on either end of a pseudo-terminal.
 class IdentificationTest : public QObject {
     Q_OBJECT
@@ -176,7 +178,7 @@ void IdentificationTest::aPortInUseIsNotOpened()
         exits(256 - 105,
             "Failed to open serial port " + terminal.port().toLocal8Bit()
                 + ": Permission error while locking the device\n"));
-    QCOMPARE(first.stop(), exits(ended_by_signal, console::identification(terminal.port())));
+    QCOMPARE(first.stop(), exits(endedBy(SIGTERM), console::identification(terminal.port())));
 }
 
 void IdentificationTest::aDirectoryIsNotOpened()

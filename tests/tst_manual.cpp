@@ -174,6 +174,7 @@ void ManualTest::thePageNamesTheInstalledRule()
 {
     const QStringList named
         = captured(section(page(loader), QStringLiteral("FILES")), QStringLiteral("^     (\\S+\\.rules)"));
+    QCOMPARE(named.size(), 1);
     QCOMPARE(named, _installation->files().filter(QStringLiteral(".rules")));
 }
 

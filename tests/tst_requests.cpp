@@ -394,6 +394,7 @@ void RequestsTest::theKindIsSentAsItIs()
     bench.protocol.readFile(file);
     bench.protocol.writeFile(file, {});
     bench.protocol.applyFile(file, 0);
+    QCOMPARE(bench.port.written().size(), 3);
     for (const QByteArray &packet : bench.port.written())
         QCOMPARE(static_cast<File>(packet[header_size + 4]), file);
     bench.port.deliver(packets::packet("*@FU" + FileAnswer{.file = file}.bytes()));

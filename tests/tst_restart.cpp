@@ -55,8 +55,6 @@ private:
     std::vector<int> _masters;
 };
 
-const QByteArray log_mask_request = "2a214c4f4700400000";
-
 } // namespace
 
 void RestartTest::theTerminalComesBack_data()

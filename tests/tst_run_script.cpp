@@ -70,7 +70,7 @@ Run onSimulated(const QString &port, int code, const QByteArray &output,
     return run;
 }
 
-/// The tool that runs on the simulated terminal's \a port, which is named after it.
+/// The tool that runs on the simulated terminal's \a port, which is named after it; 0 if the port's name is another.
 pid_t processOn(const QString &port)
 {
     return port.section(QLatin1Char('-'), -1).toInt();
@@ -150,6 +150,7 @@ void RunScriptTest::anAttachedTerminalGetsTheOptionsAsTheyAre()
     QFETCH(QByteArray, line);
     QVERIFY2(run.output.endsWith(line), run.output.constData());
     QCOMPARE(run, exits(code, run.output));
+    QCOMPARE(here.files(), code == 0 && options.constFirst() == QLatin1String("-r") ? options.mid(1) : QStringList());
 }
 
 void RunScriptTest::theExitCodeIsThatOfTheTool()
@@ -334,6 +335,7 @@ void RunScriptTest::standardInputIsTheCallers()
     QVERIFY(tool.waitForErrors("\n"));
     const QString port = announcedPort(tool.errors());
     const pid_t process = processOn(port);
+    QVERIFY(process > 1);
     QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/0").arg(process)), input);
     ::kill(process, SIGTERM);
     QCOMPARE(tool.finish(), onSimulated(port, SIGTERM, console::identification(port))); // the code is umockdev-run's
@@ -357,11 +359,12 @@ void RunScriptTest::theSimulatedTerminalEndsWithTheTool()
     QVERIFY(tool.waitForOutput("IMEI"));
     QVERIFY(tool.waitForErrors("\n"));
     const QString port = announcedPort(tool.errors());
-    QVERIFY(!port.isEmpty());
+    const pid_t process = processOn(port);
+    QVERIFY(process > 1);
     if (end == End::InterruptOfAll)
         tool.signalAll(SIGINT);
     else if (end == End::KillOfTheTool)
-        ::kill(processOn(port), SIGKILL);
+        ::kill(process, SIGKILL);
     const Run run = tool.finish();
     QVERIFY(run.code != hung);
     QCOMPARE(run.code == 0, end == End::ByItself);

@@ -1,3 +1,6 @@
+#include "lifeline.h"
+#include "localfiles.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
@@ -73,7 +76,13 @@ void dropExemption()
 /// A program of a plain user.
 class PlainProcess : public QProcess {
 public:
-    PlainProcess() { setChildProcessModifier(dropExemption); }
+    PlainProcess()
+    {
+        setChildProcessModifier([] {
+            endWithTheTest();
+            dropExemption();
+        });
+    }
 
     /// Runs the program to its end and returns its exit code; -1 if there was none.
     int codeOf(const QString &program, const QStringList &arguments)
@@ -141,12 +150,14 @@ void SimulatorProcessTest::cleanup()
     _simulator->terminate();
     if (_simulator->state() != QProcess::NotRunning)
         QVERIFY(_simulator->waitForFinished(patience));
+    QCOMPARE(_simulator->exitStatus(), QProcess::NormalExit);
     QCOMPARE(_simulator->readAllStandardOutput(), QByteArray());
     QCOMPARE(_simulator->readAllStandardError(), QByteArray());
 }
 
 void SimulatorProcessTest::start(const QStringList &arguments)
 {
+    _simulator->setChildProcessModifier(endWithTheTest);
     _simulator->start(QStringLiteral(JVX_SIMULATOR),
         QStringList{QStringLiteral("--link"), _link, QStringLiteral("--record"), _record} + arguments);
     QVERIFY(_simulator->waitForStarted(patience));
@@ -158,6 +169,7 @@ void SimulatorProcessTest::kill()
 {
     _simulator->kill();
     QVERIFY(_simulator->waitForFinished(patience));
+    _simulator = std::make_unique<QProcess>();
     QVERIFY(QFile::remove(_record));
 }
 
@@ -288,13 +300,10 @@ void SimulatorProcessTest::whatIsNotItsOwnIsLeftAlone()
 {
     QFETCH(const QString, name);
     QFETCH(const QByteArray, line);
-    QFile file(_directory->filePath(name));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("precious");
-    file.close();
+    const QString path = _directory->filePath(name);
+    files::store(path, "precious");
     QCOMPARE(refusal(), line);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("precious"));
+    QCOMPARE(files::content(path), QByteArray("precious"));
     QCOMPARE(leftovers(), QStringList{name});
 }
 
@@ -350,7 +359,10 @@ void SimulatorProcessTest::aClaimHoldsAsLongAsItsHolder()
 
     const QByteArray path = QFile::encodeName(_link);
     QProcess holder;
-    holder.setChildProcessModifier([&path] { ::ioctl(::open(path.constData(), O_RDWR | O_NOCTTY), TIOCEXCL); });
+    holder.setChildProcessModifier([&path] {
+        endWithTheTest();
+        ::ioctl(::open(path.constData(), O_RDWR | O_NOCTTY), TIOCEXCL);
+    });
     holder.start(QStringLiteral("sleep"), {QStringLiteral("600")});
     QVERIFY(holder.waitForStarted(patience));
     QTest::qWait(100);
@@ -415,9 +427,7 @@ void SimulatorProcessTest::theAnswerToAnApplyIsNotLostInTheRestart()
     QCOMPARE(port.read(keys_applied.size()), keys_applied);
     QTRY_VERIFY_WITH_TIMEOUT(recorded().endsWith("# unplugged\n# link up\n"), patience);
 
-    QFile file(_directory->filePath(QStringLiteral("keys")));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("123456789"));
+    QCOMPARE(files::content(_directory->filePath(QStringLiteral("keys"))), QByteArray("123456789"));
 }
 
 void SimulatorProcessTest::aDelayedSplitAnswerArrivesBeforeTheDrop()
@@ -433,17 +443,17 @@ void SimulatorProcessTest::aDelayedSplitAnswerArrivesBeforeTheDrop()
 void SimulatorProcessTest::theLogAtFullSpeedLosesNothing()
 {
     constexpr int count = 5000;
-    QFile texts(_directory->filePath(QStringLiteral("texts")));
-    QVERIFY(texts.open(QIODevice::WriteOnly));
+    QByteArray texts;
     QByteArray expected;
     for (int i = 0; i < count; ++i) {
         const QByteArray text = "text " + QByteArray::number(i);
-        texts.write(text + '\n');
+        texts += text + '\n';
         expected += text + '|';
     }
-    texts.close();
+    const QString path = _directory->filePath(QStringLiteral("texts"));
+    files::store(path, texts);
 
-    start({QStringLiteral("--mask=4000"), QStringLiteral("--log"), texts.fileName(), QStringLiteral("--log-rate=max")});
+    start({QStringLiteral("--mask=4000"), QStringLiteral("--log"), path, QStringLiteral("--log-rate=max")});
     const Port port(_link);
     QTest::qWait(200);                         // the line fills up
     constexpr qsizetype overhead = 16 + 5 + 8; // packet header, "*>LOG", record header

@@ -1,5 +1,6 @@
 #include "console.h"
 #include "displayserver.h"
+#include "lifeline.h"
 #include "localfiles.h"
 #include "simulatedterminal.h"
 #include "testbed.h"
@@ -10,9 +11,6 @@
 #include <QPixmap>
 #include <QScreen>
 #include <QTest>
-
-#include <csignal>
-#include <sys/prctl.h>
 
 namespace {
 
@@ -25,7 +23,7 @@ public:
         QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
         variables.insert(QStringLiteral("XDG_RUNTIME_DIR"), _directory.path());
         _process.setProcessEnvironment(variables);
-        _process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+        _process.setChildProcessModifier(endWithTheTest);
         _process.start(QStringLiteral("weston"),
             words("--backend=x11-backend.so --use-pixman --width=640 --height=480 --shell=kiosk-shell.so "
                   "--socket=compositor --idle-time=0 --no-config"));
@@ -78,7 +76,7 @@ const QList<FakedPort> two_ports{terminalPort(0, "1-2"), terminalPort(1, "1-1")}
 void hit(const char *keys)
 {
     if (!QTest::qWaitFor(Compositor::showsWindow, 10'000))
-        qWarning("no window appeared");
+        QTest::qFail("no window appeared", __FILE__, __LINE__);
     xdotool(words("mousemove 320 240"));
     // Keys from before the window has the keyboard are lost.
     const auto select_last = [] {
@@ -86,7 +84,7 @@ void hit(const char *keys)
         return Compositor::showsSelection();
     };
     if (!QTest::qWaitFor(select_last, 10'000))
-        qWarning("nothing is selected");
+        QTest::qFail("nothing is selected", __FILE__, __LINE__);
     xdotool(QStringList{QStringLiteral("key")} + words(keys));
 }
 
@@ -146,6 +144,8 @@ void WaylandTest::withoutASelectionNothingStarts()
 int main(int argc, char *argv[])
 {
     const DisplayServer server;
+    const QTemporaryDir directory;
+    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework makes one, for ever
     qputenv("DISPLAY", server.display());
     qputenv("QT_QPA_PLATFORM", "xcb");
     qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:"); // else the framework looks for one, in a library that leaks

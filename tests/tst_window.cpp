@@ -16,10 +16,8 @@
 #include <QTest>
 #include <QVBoxLayout>
 
-#include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <sys/prctl.h>
 #include <xcb/xcb.h>
 
 /// The user chooses among several terminals in a window, on a real display that nobody looks at.

@@ -1,11 +1,10 @@
 #include "displayserver.h"
 
-#include <csignal>
-#include <sys/prctl.h>
+#include "lifeline.h"
 
 DisplayServer::DisplayServer()
 {
-    _server.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    _server.setChildProcessModifier(endWithTheTest);
     _server.start(QStringLiteral("Xvfb"),
         {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
             QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),

@@ -69,6 +69,8 @@ QByteArray PlainTerminal::answerTo(const QByteArray &request) const
         return packets::packet("*@FW1" + request.mid(4, 11));
     if (request.startsWith("*!FU"))
         return packets::packet("*@FU1" + request.mid(4, 5));
+    if (!request.startsWith("*!LOG"))
+        QTest::qFail("this is no request that a terminal knows: " + request.toHex(), __FILE__, __LINE__);
     return packets::mask_answer;
 }
 
@@ -101,6 +103,10 @@ void PlainTerminal::vanish()
 /// Kind, handle, offset, length, full size and piece.
 QByteArray PlainTerminal::pieceAnswer(const QByteArray &request) const
 {
+    if (request.size() != 15) {
+        QTest::qFail("this is no request for a piece: " + request.toHex(), __FILE__, __LINE__);
+        return {};
+    }
     const quint32 offset = qFromLittleEndian<quint32>(request.constData() + 9);
     const QByteArray piece = _file.mid(offset, 512);
     return request.mid(4, 1) + packets::number(7, 4) + packets::number(offset, 4)

@@ -2,12 +2,17 @@
 
 #include <QByteArray>
 
-constexpr int ended_by_signal = -1;
-constexpr int hung = -2; ///< was still running at the end of its time, and killed
+constexpr int hung = -1; ///< was still running at the end of its time, and killed
+
+/// The code of a run that \a signal ended, SIGTERM for example.
+constexpr int endedBy(int signal)
+{
+    return hung - signal;
+}
 
 /// What came of a run of the tool. Two runs are equal if exit code, output and standard error are.
 struct Run {
-    int code = 0;            ///< as a shell sees it, 0 to 255: 155 is -101; or ended_by_signal, or hung
+    int code = 0;            ///< as a shell sees it, 0 to 255: 155 is -101; or endedBy(), or hung
     QByteArray output;       ///< standard output
     QByteArray errors;       ///< standard error
     qint64 milliseconds = 0; ///< from start to end

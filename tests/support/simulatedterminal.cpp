@@ -1,5 +1,6 @@
 #include "simulatedterminal.h"
 
+#include "lifeline.h"
 #include "lock.h"
 
 #include <QElapsedTimer>
@@ -20,6 +21,7 @@ void fail(const QByteArray &message)
 
 SimulatedTerminal::SimulatedTerminal(const QStringList &options)
 {
+    _process.setChildProcessModifier(endWithTheTest);
     _process.start(QStringLiteral(JVX_SIMULATOR),
         QStringList{QStringLiteral("--link"), port(), QStringLiteral("--record"), recordPath()} + options);
     QElapsedTimer waiting;

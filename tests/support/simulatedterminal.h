@@ -7,6 +7,9 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+/// The request for the log mask that the tool sets unless it is told another one, as requests() lists it.
+inline const QByteArray log_mask_request = "2a214c4f4700400000";
+
 /// The simulated terminal as a process of its own, on a port of its own. A terminal that goes out of scope fails the
 /// test if it has complained about what the tool said, unless the test has asked for the complaints before.
 class SimulatedTerminal {

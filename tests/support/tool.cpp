@@ -1,11 +1,12 @@
 #include "tool.h"
 
+#include "lifeline.h"
+
 #include <QDeadlineTimer>
 #include <QProcessEnvironment>
 #include <QTest>
 
 #include <csignal>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
@@ -47,7 +48,7 @@ Tool::Tool(const QString &program, const QStringList &arguments, const QStringLi
     _process.setStandardInputFile(QProcess::nullDevice());
     _process.setChildProcessModifier([] {
         ::setpgid(0, 0);
-        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        endWithTheTest();
     });
     _clock.start();
     _process.start(program, arguments);
@@ -102,7 +103,7 @@ Run Tool::finish(std::chrono::milliseconds limit)
     run.output = _output;
     run.errors = _errors;
     const bool exited = _process.exitStatus() == QProcess::NormalExit;
-    run.code = !finished ? hung : exited ? _process.exitCode() & 0xFF : ended_by_signal;
+    run.code = !finished ? hung : exited ? _process.exitCode() & 0xFF : endedBy(_process.exitCode());
     return run;
 }
 
@@ -117,8 +118,10 @@ bool Tool::waitFor(const std::function<bool()> &isEnough, std::chrono::milliseco
 {
     const QDeadlineTimer deadline(limit);
     while (!isEnough() && !deadline.hasExpired()) {
-        _process.waitForReadyRead(50);
+        const bool has_ended = !_process.waitForReadyRead(50) && _process.state() == QProcess::NotRunning;
         readAll();
+        if (has_ended)
+            break;
     }
     return isEnough();
 }
