@@ -56,8 +56,12 @@ struct ExpectedWindow {
         dialog.activateWindow();
         if (!QTest::qWaitForWindowActive(&dialog))
             qWarning("no focus for the expected window");
-        QTest::qWait(200); // until everything is painted
-        image = dialog.screen()->grabWindow(dialog.winId()).toImage();
+        const auto isPainted = [&] {
+            image = dialog.screen()->grabWindow(dialog.winId()).toImage();
+            return image == dialog.grab().toImage().convertToFormat(image.format());
+        };
+        if (!QTest::qWaitFor(isPainted, 10'000))
+            QTest::qFail("the expected window is not painted", __FILE__, __LINE__);
         for (int row = 0; row < list.count(); ++row)
             rows += list.viewport()->mapTo(&dialog, list.visualItemRect(list.item(row)).center());
         const auto center = [&](QDialogButtonBox::StandardButton which) {
