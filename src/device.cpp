@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <limits>
 
 using namespace std::chrono_literals;
 using jvxb::Protocol;
@@ -30,6 +31,8 @@ constexpr auto between_attempts = 1s;
 constexpr auto sending_time = 100ms; // for what the system writes in the background
 constexpr auto restart_time = 5s;
 constexpr int reopen_attempts = 60; // after the first one
+
+constexpr qint64 largest_file = std::numeric_limits<int>::max(); // bytes; checksum and progress count in int
 
 constexpr jvxb::Log text_log{14};
 constexpr quint32 text_log_mask = 1U << 14U;
@@ -329,7 +332,7 @@ void Device::onFileReaded(jvxb::Error error, File, const QByteArray &data)
 
     QFile file(_file_name);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return endWithFileError(file);
+        return endWithFileError(file.errorString());
     file.write(data);
     file.close();
     StdOutput() << tr("File saved to '%1'").arg(_file_name);
@@ -340,11 +343,13 @@ void Device::writeFile()
 {
     QFile file(_file_name);
     if (!file.open(QIODevice::ReadOnly))
-        return endWithFileError(file);
+        return endWithFileError(file.errorString());
+    // A part of a file must never be written and applied as if it were the whole.
+    if (file.size() > largest_file)
+        return endWithFileError(tr("File too large"));
     const QByteArray data = file.readAll();
-    // Half of a file must never be written and applied as if it were the whole.
     if (file.error() != QFile::NoError)
-        return endWithFileError(file);
+        return endWithFileError(file.errorString());
     file.close();
     _crc = ~crc::ieee::calc(reinterpret_cast<const unsigned char *>(data.constData()), static_cast<int>(data.size()));
 
@@ -399,9 +404,9 @@ void Device::waitForRestart()
     QTimer::singleShot(restart_time, Qt::PreciseTimer, this, &Device::startTryOpenSerialPort);
 }
 
-void Device::endWithFileError(const QFile &file)
+void Device::endWithFileError(const QString &reason)
 {
-    end(file_error, tr("Failed to access to file '%1' (%2)").arg(_file_name, file.errorString()));
+    end(file_error, tr("Failed to access to file '%1' (%2)").arg(_file_name, reason));
 }
 
 // ---- log ----------------------------------------------------------------------------------------------------------

@@ -51,11 +51,13 @@ public:
     /// \return whether the port was opened; if not, the reason has been printed
     bool start(const QString &port);
 
-    /// Switches the terminal's log off, or on with mask 0x4000 if it is off, and prints the outcome.
+    /// Switches the terminal's log off, or on with mask 0x4000 if it is off, and prints the outcome. After start()
+    /// only.
     void toggleLog();
 
-    /// Handler for the C runtime's signal(): on SIGINT it makes the running controller toggle the log from within the
-    /// event loop. The program does not install it.
+    /// On SIGINT it makes the running controller toggle the log from within the event loop. The program does not
+    /// install it with the C runtime's signal(): what it does is not safe in the middle of anything else. \param
+    /// signal_number number of the signal that has come; another one than SIGINT does nothing
     static void onSigintSignal(int signal_number);
 
     File _apply_file = File::Unknown; ///< kind to apply after it has been written
@@ -66,7 +68,8 @@ public Q_SLOTS:
     /// \param error_text the port's error string
     void onErrorOccured(const QString &error_text);
 
-    // Results of the requests: each is connected for one request and disconnects itself first.
+    // Results of the requests, with the arguments of the signals of jvxb::Protocol: each is connected for one request
+    // and disconnects itself first; the progress is disconnected with the result.
     void onSoftVersionReaded(
         jvxb::Error error, const QString &name, const QString &version, const QString &date, const QString &language);
     void onHardVesionReaded(jvxb::Error error, uint64_t version);
@@ -90,7 +93,7 @@ public Q_SLOTS:
     /// \return whether the port is open now
     bool tryOpenSerialPort(bool end_if_error, bool next_operation, int try_count);
 
-    /// Closes the port if it is open.
+    /// Sends what the line has not taken yet, closes the port and says so, if it is open.
     void closeSerialPort();
 
 private:
@@ -108,7 +111,7 @@ private:
     void waitForRestart();
     void end(int code, const QString &text);
     void end(jvxb::Error error);
-    void endWithFileError(const QFile &file);
+    void endWithFileError(const QString &reason);
     void quit(int code);
 
     static Device *_device; ///< the running controller, for the signal handler

@@ -43,6 +43,7 @@ private Q_SLOTS:
     void aPathThatCannotBeSavedToEndsTheRun();
     void aLocalFileThatCannotBeReadEndsTheRun_data();
     void aLocalFileThatCannotBeReadEndsTheRun();
+    void aLocalFileThatIsTooLargeEndsTheRun();
     void fewerBytesAcceptedThanSentAreSentAgain();
 
     void anApplyCarriesTheChecksum();
@@ -464,6 +465,16 @@ void FileTransferTest::aLocalFileThatCannotBeReadEndsTheRun()
     FileTerminal terminal;
     const Run run = Tool(argumentsOn(terminal.port(), "-w -a -f settings") + QStringList{path}).finish();
     QCOMPARE(run, terminal.ends(file_error, accessError(path, reason)));
+    QCOMPARE(terminal.furtherRequests(), 0);
+}
+
+void FileTransferTest::aLocalFileThatIsTooLargeEndsTheRun()
+{
+    FileTerminal terminal;
+    store(terminal.local(), {});
+    QVERIFY(QFile::resize(terminal.local(), 0x80000000)); // takes no space
+    QCOMPARE(
+        terminal.run("-w -a -f settings"), terminal.ends(file_error, accessError(terminal.local(), "File too large")));
     QCOMPARE(terminal.furtherRequests(), 0);
 }
 
