@@ -8,6 +8,7 @@ namespace {
 
 // A body is 65535 bytes at most; 65000 leave room for what goes before the data.
 constexpr qsizetype longest_data = 65000;
+constexpr qsizetype longest_text = 1000; // several of them are one answer
 
 // Garbage much longer than any packet tests nothing more.
 constexpr qsizetype longest_garbage = 65535;
@@ -50,13 +51,14 @@ const QList<Group> groups{
         }},
     {"Identity",
         {
-            {"name", "text", "Software name.", [](O &o, const V &v) { o.terminal.name = v.text(); }},
+            {"name", "text", "Software name.", [](O &o, const V &v) { o.terminal.name = v.text(longest_text); }},
             {"software-version", "text", "Software version.",
-                [](O &o, const V &v) { o.terminal.software_version = v.text(); }},
-            {"date", "text", "Software date.", [](O &o, const V &v) { o.terminal.date = v.text(); }},
-            {"language", "text", "Software language.", [](O &o, const V &v) { o.terminal.language = v.text(); }},
+                [](O &o, const V &v) { o.terminal.software_version = v.text(longest_text); }},
+            {"date", "text", "Software date.", [](O &o, const V &v) { o.terminal.date = v.text(longest_text); }},
+            {"language", "text", "Software language.",
+                [](O &o, const V &v) { o.terminal.language = v.text(longest_text); }},
             {"bhr", "hex", "Hardware version word.", [](O &o, const V &v) { o.terminal.bhr = v.hexNumber(); }},
-            {"imei", "text", "Serial number.", [](O &o, const V &v) { o.terminal.imei = v.text(); }},
+            {"imei", "text", "Serial number.", [](O &o, const V &v) { o.terminal.imei = v.text(longest_text); }},
             {"mask", "hex", "Log mask after power-up.", [](O &o, const V &v) { o.terminal.mask = v.mask(); }},
         }},
     {"Files",
@@ -87,7 +89,7 @@ const QList<Group> groups{
             {"answer", "key=hex", "Answer requests of this key with this payload. Repeatable.",
                 [](O &o, const V &v) {
                     const auto [key, payload] = v.split('=');
-                    o.terminal.fixed_answers.insert(key.key(), payload.bytes());
+                    o.terminal.fixed_answers.insert(key.key(), payload.bytes(longest_data));
                 }},
             {"silent", "key", "Never answer requests of this key. Repeatable.",
                 [](O &o, const V &v) { o.terminal.silent_keys.insert(v.key()); }},
@@ -209,7 +211,7 @@ QString helpText()
 {
     QString text = QStringLiteral("Usage: jvx-simulator --link <path> [options]\n\n"
                                   "Simulated vehicle telematics terminal on a pseudo-terminal. It runs until it is\n"
-                                  "sent SIGINT or SIGTERM.\n");
+                                  "sent SIGINT, SIGTERM or SIGHUP.\n");
     for (const Group &group : groups) {
         text += QStringLiteral("\n%1:\n").arg(latin(group.title));
         for (const Option &option : group.options)

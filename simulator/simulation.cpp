@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 
 using namespace std::chrono_literals;
 
@@ -39,8 +40,8 @@ Simulation::Simulation(const Options &options, QObject *parent)
     connect(&_line, &FaultyLine::becameIdle, this, &Simulation::unplugOnceIdle);
     connect(&_terminal, &Terminal::packetReceived, this, &Simulation::recordPacket);
     connect(&_terminal, &Terminal::droppedOff, this, &Simulation::onDroppedOff);
-    connect(&_terminal, &Terminal::malformedReceived, this, &Simulation::complain);
-    connect(&_terminal, &Terminal::misplacedReceived, this, &Simulation::complain);
+    connect(&_terminal, &Terminal::malformedReceived, this, std::bind_front(&Simulation::complain, this, "malformed"));
+    connect(&_terminal, &Terminal::misplacedReceived, this, std::bind_front(&Simulation::complain, this, "misplaced"));
 }
 
 bool Simulation::start()
@@ -139,9 +140,10 @@ void Simulation::comeBack()
         Q_EMIT failed(_port.errorString());
 }
 
-void Simulation::complain(const QString &reason, const QByteArray &bytes)
+void Simulation::complain(const char *kind, const QString &reason, const QByteArray &bytes)
 {
     _has_complained = true;
-    const QByteArray line = "jvx-simulator: malformed request: " + reason.toUtf8() + ": " + bytes.toHex() + '\n';
+    const QByteArray line
+        = QByteArray("jvx-simulator: ") + kind + " request: " + reason.toUtf8() + ": " + bytes.toHex() + '\n';
     std::fwrite(line.constData(), 1, static_cast<size_t>(line.size()), stderr);
 }

@@ -45,7 +45,7 @@ private:
     void unplugOnceIdle();
     void onUnplugged();
     void comeBack();
-    void complain(const QString &reason, const QByteArray &bytes);
+    void complain(const char *kind, const QString &reason, const QByteArray &bytes);
 
     const Options _options;
     Terminal _terminal;

@@ -68,9 +68,18 @@ quint32 Value::mask() const
     return static_cast<quint32>(hexNumber(std::numeric_limits<quint32>::max()));
 }
 
-QByteArray Value::bytes() const
+const QString &Value::text(qsizetype longest) const
+{
+    if (_text.toUtf8().size() > longest)
+        throw bad(QStringLiteral("longer than %1 bytes").arg(longest));
+    return _text;
+}
+
+QByteArray Value::bytes(qsizetype longest) const
 {
     QByteArray decoded = QByteArray::fromHex(_text.toLatin1());
+    if (decoded.size() > longest)
+        throw bad(QStringLiteral("longer than %1 bytes").arg(longest));
     if (decoded.toHex() != _text.toLatin1().toLower()) // fromHex skips what is no digit
         throw bad();
     return decoded;

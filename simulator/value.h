@@ -28,6 +28,8 @@ public:
     Value(QString option, const QString &text);
 
     [[nodiscard]] const QString &text() const { return _text; }
+    /// A text of \a longest bytes at most.
+    [[nodiscard]] const QString &text(qsizetype longest) const;
 
     /// What stands before and behind the first \a separator.
     [[nodiscard]] std::pair<Value, Value> split(char separator) const;
@@ -45,8 +47,8 @@ public:
     [[nodiscard]] quint64 hexNumber(quint64 maximum = std::numeric_limits<quint64>::max()) const;
     /// A hexadecimal number of 32 bits.
     [[nodiscard]] quint32 mask() const;
-    /// Bytes written as pairs of hexadecimal digits.
-    [[nodiscard]] QByteArray bytes() const;
+    /// Bytes written as pairs of hexadecimal digits, \a longest at most.
+    [[nodiscard]] QByteArray bytes(qsizetype longest = std::numeric_limits<qsizetype>::max()) const;
     /// A byte written as two hexadecimal digits.
     [[nodiscard]] quint8 byte() const;
 

@@ -619,6 +619,12 @@ void SimulatorTest::aRefusalNamesTheOptionAndTheReason_data()
     QTest::newRow("a key not about files") << QStringLiteral("--status=V:1=30")
                                            << QByteArray("bad value 'V:1=30' of option --status: the keys are FR, FW, "
                                                          "FU");
+    QTest::newRow("a long text") << QStringLiteral("--imei=") + QString(1001, QLatin1Char('1'))
+                                 << "bad value '" + QByteArray(1001, '1')
+            + "' of option --imei: longer than 1000 bytes";
+    QTest::newRow("a long answer") << QStringLiteral("--answer=V=") + QString(130'002, QLatin1Char('0'))
+                                   << "bad value 'V=" + QByteArray(130'002, '0')
+            + "' of option --answer: longer than 65000 bytes";
     QTest::newRow("one in 0") << QStringLiteral("--lose=0") << QByteArray("bad value '0' of option --lose");
 }
 

@@ -213,13 +213,18 @@ void SimulatorProcessTest::aMalformedRequestGivesExitCode1()
 {
     start();
     const Port port(_link);
-    port.write(QByteArray("\r\n") + ask_serial_number + ask_serial_number.first(5));
-    QCOMPARE(port.read(serial_number.size()), serial_number);
+    const QByteArray apply_keys = QByteArray::fromHex("404a565800000000010000000d003a322a21465502000000002639f4cb");
+    port.write(QByteArray("\r\n") + apply_keys + ask_serial_number + ask_serial_number.first(5));
+    constexpr qsizetype refusal_size = 22;
+    QCOMPARE(port.read(refusal_size + serial_number.size()).last(serial_number.size()), serial_number);
     _simulator->terminate();
     QVERIFY(_simulator->waitForFinished(patience));
     QCOMPARE(_simulator->readAllStandardError(),
-        QByteArray("jvx-simulator: malformed request: bytes outside a packet: 0d0a\n"
-                   "jvx-simulator: malformed request: incomplete packet: 404a565800\n"));
+        "jvx-simulator: malformed request: bytes outside a packet: 0d0a\n"
+        "jvx-simulator: misplaced request: nothing written to apply: "
+            + apply_keys.toHex()
+            + "\n"
+              "jvx-simulator: malformed request: incomplete packet: 404a565800\n");
     QCOMPARE(_simulator->exitCode(), 1);
 }
 
