@@ -121,9 +121,9 @@ public:
 };
 
 /// The protocol engine on one serial port: sends requests, matches the answers to them by direction character and key,
-/// and reports each result by exactly one signal, whose first argument is the error; when that is not None, the other
-/// arguments are empty or 0. There are no retries: a request without an answer in time is reported as Timeout once, and
-/// a later answer to it is ignored.
+/// and ends each by exactly one result signal, whose first argument is the error; when that is not None, the other
+/// arguments are empty or 0, but for the kind of file. There are no retries: a request without an answer in time is
+/// reported as Timeout once, and a later answer to it is ignored.
 ///
 /// The port is opened, configured and closed by its owner. Closing it discards the bytes received so far; pending
 /// requests go on waiting. Everything runs on the thread of the event loop.
@@ -141,7 +141,7 @@ public:
     static const QByteArray _log_enable_key;
     static const QByteArray _log_key; ///< the same bytes as the log enable key; the direction tells them apart
 
-    /// \param port the port to talk through, not owned; must outlive the protocol
+    /// \param port the port to talk through, not owned; no request may be made after its end
     Protocol(QSerialPort *port, QObject *parent);
 
     /// Asks for the terminal's software. Time-out 500 ms. Emits softVersionReaded.
@@ -165,7 +165,7 @@ public:
     /// \param checksum CRC-32 (IEEE 802.3) of the whole file as it was written
     void applyFile(File file, uint checksum);
 
-    /// Sets the terminal's log mask; 0 disables the log. Time-out 500 ms. Emits logEnabled.
+    /// Sets the terminal's log mask: bit n lets log n through; 0 disables the log. Time-out 500 ms. Emits logEnabled.
     void logEnable(quint32 mask);
 
     /// Queues a new \a transaction, sends it and starts its timer. A command key of the list above takes its own class
@@ -194,23 +194,23 @@ Q_SIGNALS:
     void serialNumberReaded(jvxb::Error error, const QString &sn);
 
     /// \param file kind of the file, as in all signals about files
-    /// \param data the whole file
+    /// \param data the whole file; empty, without an error, when the terminal answers with status 0
     void fileReaded(jvxb::Error error, File file, const QByteArray &data);
 
     /// A piece has come.
-    /// \param size bytes received so far
+    /// \param size bytes received so far, like full_size negative above 2 GiB
     /// \param full_size size of the file as the terminal announced it; of the last piece, the bytes of the whole file
     void fileReadingProgress(File file, int size, int full_size);
 
-    /// The terminal has the whole file.
+    /// The terminal has the whole file, or has answered with status 0.
     void fileWritten(jvxb::Error error, File file);
 
     /// The terminal has accepted a piece.
-    /// \param size bytes accepted so far
+    /// \param size bytes accepted so far; negative above 2 GiB
     /// \param full_size size of the file
     void fileWritingProgress(File file, int size, int full_size);
 
-    /// The terminal has taken the file into use and restarts.
+    /// The terminal has taken the file into use and restarts, or has answered with status 0.
     void fileApplied(jvxb::Error error, File file);
 
     /// A log record has come; unsolicited, at any time.

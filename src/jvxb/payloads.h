@@ -10,7 +10,7 @@
 #include <optional>
 
 /// The payloads of requests, answers and messages: what follows the command key in a body. The identification requests
-/// have none.
+/// have none. docs/protocol.md has the layouts, with offsets and sizes; integers are little-endian.
 namespace jvxb {
 
 /// The most bytes of a file that one request asks for or brings; an answer with fewer brings the last of the file.
