@@ -144,11 +144,7 @@ void WaylandTest::withoutASelectionNothingStarts()
 int main(int argc, char *argv[])
 {
     const DisplayServer server;
-    const QTemporaryDir directory;
-    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework makes one, for ever
-    qputenv("DISPLAY", server.display());
-    qputenv("QT_QPA_PLATFORM", "xcb");
-    qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:"); // else the framework looks for one, in a library that leaks
+    server.adopt();
     const QGuiApplication application(argc, argv);
     WaylandTest test;
     return QTest::qExec(&test, argc, argv);

@@ -21,6 +21,14 @@ DisplayServer::~DisplayServer()
     _server.waitForFinished();
 }
 
+void DisplayServer::adopt() const
+{
+    qputenv("XDG_RUNTIME_DIR", _runtime.path().toLocal8Bit());
+    qputenv("DISPLAY", _display);
+    qputenv("QT_QPA_PLATFORM", "xcb");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:"); // else the framework looks for one, in a library that leaks
+}
+
 QByteArray xdotool(const QStringList &arguments)
 {
     QProcess process;

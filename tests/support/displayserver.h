@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QProcess>
 #include <QStringList>
+#include <QTemporaryDir>
 
 /// An X server without a screen to look at; it ends with the test.
 class DisplayServer {
@@ -13,10 +14,11 @@ public:
     DisplayServer(const DisplayServer &) = delete;
     DisplayServer &operator=(const DisplayServer &) = delete;
 
-    /// What the variable DISPLAY has to be for it.
-    QByteArray display() const { return _display; }
+    /// Makes the windows of this process, and of those it starts, appear there. Before there is an application object.
+    void adopt() const;
 
 private:
+    const QTemporaryDir _runtime; ///< else the framework makes one, for ever
     QProcess _server;
     QByteArray _display;
 };
