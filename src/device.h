@@ -56,8 +56,8 @@ public:
     void toggleLog();
 
     /// On SIGINT it makes the running controller toggle the log from within the event loop. The program does not
-    /// install it with the C runtime's signal(): what it does is not safe in the middle of anything else. \param
-    /// signal_number number of the signal that has come; another one than SIGINT does nothing
+    /// install it with the C runtime's signal(): what it does is not safe in the middle of anything else.
+    /// \param signal_number number of the signal that has come; nothing is done for another one than SIGINT
     static void onSigintSignal(int signal_number);
 
     File _apply_file = File::Unknown; ///< kind to apply after it has been written
