@@ -108,9 +108,11 @@ public:
         _model.failNextWrite(QStringLiteral("stuck"));
     }
 
-    /// Whether both have done the same, and are in the same state, since the last time.
+    /// Whether both have done the same, and are in the same state, since the last time. The event loop turns before.
     void compare()
     {
+        QCoreApplication::sendPostedEvents(&_protocol);
+        _model.turn();
         require(_events == _model.events, "signals are as the model's");
         require(_port.written().mid(_seen) == _model.written, "packets are as the model's");
         const QList<jvxb::Transaction *> waiting = transactions();

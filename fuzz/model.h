@@ -106,8 +106,15 @@ public:
 
     void reportError(const QString &text) { report(event("error", text), true); }
 
-    /// The next write to the open port reports \a text and takes nothing.
+    /// The next write to the open port takes nothing, which turn() reports with \a text.
     void failNextWrite(const QString &text) { _next_error = text; }
+
+    /// The event loop turns: what failed while it was written is reported.
+    void turn()
+    {
+        while (!_unreported.isEmpty())
+            reportError(_unreported.takeFirst());
+    }
 
 private:
     void write(const QByteArray &body)
@@ -117,7 +124,7 @@ private:
         if (_next_error.isEmpty())
             written += packets::request(body);
         else
-            reportError(std::exchange(_next_error, {}));
+            _unreported += std::exchange(_next_error, {});
     }
 
     void report(const QByteArray &event, bool is_error = false)
@@ -263,7 +270,8 @@ private:
     SlowSearch _stream;
     QList<std::shared_ptr<Request>> _pending; ///< oldest first
     bool _is_open = true;
-    QString _next_error; ///< of the next write, empty: none
+    QString _next_error;     ///< of the next write, empty: none
+    QStringList _unreported; ///< errors of writes, until the next turn of the event loop
 };
 
 } // namespace model

@@ -77,6 +77,8 @@ Device::Device()
 
 Device::~Device()
 {
+    if (_port->isOpen())
+        platform::close(*_port);
     if (_device == this)
         _device = nullptr;
 }
@@ -127,6 +129,7 @@ bool Device::tryOpenSerialPort(bool end_if_error, bool next_operation, int try_c
 
     if (_port->open(QIODevice::ReadWrite)) {
         jvxb::trace::opened(_port->portName());
+        platform::watchForHangUp(*_port);
         // A terminal may send nothing before, and not every driver raises the line when it opens the port.
         _port->setDataTerminalReady(true);
         // Only now: opening reports errors of no consequence, and so does a port without that line.
@@ -163,16 +166,16 @@ void Device::closeSerialPort()
         return;
     disconnect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
     sendRest();
-    _port->close();
+    platform::close(*_port);
     StdOutput() << tr("Serial port closed: %1").arg(_port->portName());
 }
 
 /// Sends what the line had no room for when the request was made, and would be lost with the port or the loop. That
 /// happens when the answer came before its request was sent.
-/// \return whether some of it is still on its way: Windows writes in the background
+/// \return whether some of it is still on its way: Windows writes in the background, and the line may be full
 bool Device::sendRest()
 {
-    return _port->isOpen() && _port->flush() && _port->bytesToWrite() > 0;
+    return _port->isOpen() && (_port->flush() || platform::isLineFull(*_port)) && _port->bytesToWrite() > 0;
 }
 
 /// Goes on with \a next once everything is sent; closing the port would cancel what is still on its way.
@@ -249,9 +252,7 @@ void Device::quit(int code)
     _finished = true;
     // A port that was unplugged goes on reporting errors until it is closed.
     disconnect(_protocol, nullptr, this, nullptr);
-    // From the event loop, which has not begun yet when the very first request fails while it is sent.
-    const auto exit = [code] { QCoreApplication::exit(code); };
-    afterSending([this, exit] { QTimer::singleShot(0, this, exit); });
+    afterSending([code] { QCoreApplication::exit(code); });
 }
 
 // ---- identification -----------------------------------------------------------------------------------------------

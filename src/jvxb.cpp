@@ -1,9 +1,11 @@
 #include "jvxb.h"
 
 #include "jvxb/trace.h"
+#include "platform.h"
 #include "stdoutput.h"
 
 #include <QCoreApplication>
+#include <QScopedValueRollback>
 
 #include <algorithm>
 #include <array>
@@ -199,15 +201,14 @@ void Protocol::begin(Transaction *transaction)
     Q_ASSERT_X(isOfItsClass(transaction), "begin", "the transaction is of another class than its key takes");
     _queue.append(transaction);
     connect(transaction, &Transaction::timeout, this, &Protocol::onTimeout);
-    // The timer first: a port that fails says so while it sends, and whoever hears of it may end the transaction.
-    transaction->start();
     send(transaction);
+    transaction->start();
 }
 
 void Protocol::continuE(Transaction *transaction)
 {
-    transaction->restart();
     send(transaction);
+    transaction->restart();
 }
 
 void Protocol::end(Transaction *transaction)
@@ -217,10 +218,12 @@ void Protocol::end(Transaction *transaction)
     delete transaction;
 }
 
-/// Sends at once, which saves a turn of the event loop; some systems go on with that in the background. When all of it
-/// is out, the second flush() saves another turn: the port then no longer waits for the line to take more.
+/// Sends at once, which saves a turn of the event loop; some systems go on with that in the background, and so does the
+/// port when the line is full. When all of it is out, the second flush() saves another turn: it switches off the port's
+/// wait for the line to take more.
 void Protocol::send(Transaction *transaction)
 {
+    const QScopedValueRollback<bool> sending(_sending, true);
     const QByteArray bytes = packet(transaction->request());
     trace::sent(transaction->name(), transaction->payload().size(), bytes);
     if (_port->write(bytes) > 0 && _port->flush() && _port->bytesToWrite() == 0)
@@ -229,10 +232,20 @@ void Protocol::send(Transaction *transaction)
 
 void Protocol::onErrorOccurred(QSerialPort::SerialPortError error)
 {
-    if (error == QSerialPort::NoError)
+    if (error == QSerialPort::NoError || platform::isLineFull(*_port))
         return;
-    trace::failed(_port->errorString());
-    Q_EMIT errorOccured(_port->errorString());
+    const QString text = _port->errorString();
+    if (_sending)
+        QMetaObject::invokeMethod(
+            this, [this, text] { reportError(text); }, Qt::QueuedConnection);
+    else
+        reportError(text);
+}
+
+void Protocol::reportError(const QString &text)
+{
+    trace::failed(text);
+    Q_EMIT errorOccured(text);
 }
 
 /// Half a packet from before would swallow the first answers after the port is opened again.

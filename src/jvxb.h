@@ -179,8 +179,9 @@ public:
     void end(Transaction *transaction);
 
 Q_SIGNALS:
-    /// The serial port reported an error; pending requests go on waiting.
-    /// \param error_text the port's error string
+    /// The serial port reported an error; pending requests go on waiting. A line that takes no more for now is no
+    /// error. Never emitted from within a request: what fails while it is sent is reported from the event loop. \param
+    /// error_text the port's error string
     void errorOccured(const QString &error_text);
 
     /// Fields that the terminal left out are empty.
@@ -235,6 +236,7 @@ private:
     static bool isOfItsClass(const Transaction *transaction);
 
     void onAboutToClose();
+    void reportError(const QString &text);
 
     void send(Transaction *transaction);
 
@@ -271,6 +273,7 @@ private:
     ReceiveBuffer _received;
     QList<Transaction *> _queue; ///< pending transactions, oldest first
     QSerialPort *const _port;
+    bool _sending = false;
 };
 
 } // namespace jvxb

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+class QSerialPort;
+
 /// What the tool has to know of the operating system; CMake picks the file that knows it.
 namespace platform {
 
@@ -11,5 +13,17 @@ bool canShowWindow();
 
 /// The name of the serial port that the user means by \a given, spelt as QSerialPort wants it.
 QString portName(const QString &given);
+
+/// Whether \a port has just reported an error that is none: the line is full, and the port sends the rest by itself
+/// when the line takes more. To be asked where the error is reported.
+bool isLineFull(const QSerialPort &port);
+
+/// Makes \a port, which has just been opened, report an error when its device goes away, until it is closed. Not every
+/// version of the framework finds that out by itself.
+void watchForHangUp(QSerialPort &port);
+
+/// Closes \a port, which is open. What was written leaves first, but a device that takes nothing is given up after half
+/// a second; the system would wait for half a minute.
+void close(QSerialPort &port);
 
 } // namespace platform

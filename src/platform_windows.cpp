@@ -1,5 +1,7 @@
 #include "platform.h"
 
+#include <QSerialPort>
+
 #include <windows.h>
 
 /// In a service, a scheduled task or a session of ssh the process has a desktop of its own that no screen shows.
@@ -14,4 +16,19 @@ bool platform::canShowWindow()
 QString platform::portName(const QString &given)
 {
     return given.startsWith(QLatin1String("com"), Qt::CaseInsensitive) ? given.toUpper() : given;
+}
+
+/// Writes go on in the background and report no such error.
+bool platform::isLineFull(const QSerialPort & /*port*/)
+{
+    return false;
+}
+
+/// The port reports it by itself.
+void platform::watchForHangUp(QSerialPort & /*port*/) { }
+
+/// Closing cancels what the device has not taken.
+void platform::close(QSerialPort &port)
+{
+    port.close();
 }

@@ -51,8 +51,8 @@ PlainTerminal::~PlainTerminal()
 
 QByteArray PlainTerminal::request(std::chrono::milliseconds limit)
 {
-    const QByteArray head = bytes(16, limit);
-    return head.size() < 16 ? QByteArray() : bytes(qFromLittleEndian<quint16>(head.constData() + 12), limit);
+    const QByteArray head = take(16, limit);
+    return head.size() < 16 ? QByteArray() : take(qFromLittleEndian<quint16>(head.constData() + 12), limit);
 }
 
 QByteArray PlainTerminal::answerTo(const QByteArray &request) const
@@ -92,6 +92,14 @@ void PlainTerminal::jam()
     ::tcflow(_slave, TCOOFF);
 }
 
+qsizetype PlainTerminal::fill()
+{
+    qsizetype count = 0;
+    for (const char byte = filling; ::write(_slave, &byte, 1) == 1;)
+        ++count;
+    return count;
+}
+
 void PlainTerminal::vanish()
 {
     for (const int descriptor : {std::exchange(_slave, -1), std::exchange(_master, -1)}) {
@@ -114,7 +122,7 @@ QByteArray PlainTerminal::pieceAnswer(const QByteArray &request) const
         + packets::number(static_cast<quint64>(_file.size()), 4) + piece;
 }
 
-QByteArray PlainTerminal::bytes(qsizetype count, std::chrono::milliseconds limit)
+QByteArray PlainTerminal::take(qsizetype count, std::chrono::milliseconds limit)
 {
     QByteArray read;
     while (read.size() < count && waitFor(_master, POLLIN, static_cast<int>(limit.count()))) {

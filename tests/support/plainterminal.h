@@ -34,12 +34,19 @@ public:
     /// Stops the line towards the terminal as flow control would: the next request is stuck.
     void jam();
 
+    /// Fills the line towards the terminal, before the next request, with the byte filling. Returns how many there were.
+    qsizetype fill();
+
+    static constexpr char filling = '.';
+
+    /// The next \a count bytes from the line, without a look at what they are; fewer if none comes within \a limit.
+    QByteArray take(qsizetype count, std::chrono::milliseconds limit = std::chrono::seconds(10));
+
     /// Takes its port away, at once: what was not read by then is lost.
     void vanish();
 
 private:
     QByteArray pieceAnswer(const QByteArray &request) const;
-    QByteArray bytes(qsizetype count, std::chrono::milliseconds limit);
 
     const QTemporaryDir _directory;
     const QByteArray _file;
