@@ -61,6 +61,21 @@ as_user 'set -e
     kill $simulator
     wait $simulator'
 
+say "Upgrading from the version before, which had a file more"
+apt-get purge --quiet=2 --yes jvx-loader >/tmp/apt.log 2>&1
+dpkg-deb --raw-extract /tmp/jvx-loader.deb /tmp/older
+version=$(zcat /tmp/older/usr/share/doc/jvx-loader/changelog.Debian.gz |
+    sed -n 's/^jvx-loader (\(.*\)).*/\1/p' | grep -v '~bpo' | sed -n 2p)
+sed -i "s/^Version: .*/Version: $version/" /tmp/older/DEBIAN/control
+touch /tmp/older/usr/share/doc/jvx-loader/dropped
+dpkg-deb --build /tmp/older /tmp/older.deb >/dev/null
+apt-get install --quiet=2 --yes /tmp/older.deb >/tmp/apt.log 2>&1
+[ -e /usr/share/doc/jvx-loader/dropped ]
+apt-get install --quiet=2 --yes /tmp/jvx-loader.deb >/tmp/apt.log 2>&1
+[ ! -e /usr/share/doc/jvx-loader/dropped ]
+dpkg --verify jvx-loader
+echo "$version -> $(dpkg-query --show --showformat '${Version}' jvx-loader)"
+
 say "Removing"
 apt-get purge --quiet=2 --yes --auto-remove jvx-loader >/tmp/apt.log 2>&1 || {
     cat /tmp/apt.log

@@ -15,14 +15,17 @@ need()
     sudo=
     [ "$(id -u)" = 0 ] || sudo=sudo
     {
-        $sudo apt-get update --quiet=2
+        $sudo apt-get update --quiet=2 --option DPkg::Lock::Timeout=600
         # shellcheck disable=SC2086 # a list
         $sudo env DEBIAN_FRONTEND=noninteractive \
-            apt-get install --yes --quiet=2 --no-install-recommends $missing
+            apt-get install --yes --quiet=2 --no-install-recommends --option DPkg::Lock::Timeout=600 $missing
     } >&2
 }
 
+build_packages='g++ cmake ninja-build qt6-base-dev qt6-serialport-dev libxcb1-dev zlib1g-dev'
+
 need_for_build()
 {
-    need g++ cmake ninja-build qt6-base-dev qt6-serialport-dev libxcb1-dev zlib1g-dev
+    # shellcheck disable=SC2086 # a list
+    need $build_packages
 }

@@ -7,7 +7,7 @@ set(share ${CPACK_TEMPORARY_DIRECTORY}/usr/share)
 set(doc ${share}/doc/jvx-loader)
 
 file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${doc}/changelog.Debian COPYONLY)
+configure_file(${CPACK_JVX_CHANGELOG} ${doc}/changelog.Debian COPYONLY)
 file(GLOB pages ${share}/man/man1/*.1)
 execute_process(
     COMMAND gzip --best --no-name ${doc}/changelog ${doc}/changelog.Debian ${pages}

@@ -19,14 +19,14 @@ QByteArray differingPart(const QByteArray &text, const QByteArray &other)
 }
 
 /// \a run, but for what is the same in \a other.
-char *describe(const Run &run, const Run &other)
+QByteArray describe(const Run &run, const Run &other)
 {
     QByteArray text = "exit code " + QByteArray::number(run.code);
     if (run.output != other.output)
         text += ", output " + differingPart(run.output, other.output);
     if (run.errors != other.errors)
         text += ", standard error " + differingPart(run.errors, other.errors);
-    return qstrdup(text.constData());
+    return text;
 }
 
 } // namespace
@@ -65,7 +65,10 @@ Run withoutReason(Run run)
 bool QTest::qCompare(
     const Run &run, const Run &expected, const char *run_text, const char *expected_text, const char *file, int line)
 {
-    return compare_helper(
-        run == expected, "The run is not as expected", [&] { return describe(run, expected); },
-        [&] { return describe(expected, run); }, run_text, expected_text, file, line);
+    if (run == expected)
+        return true;
+    const QByteArray message = QByteArray("The run is not as expected\n   Actual   (") + run_text
+        + "): " + describe(run, expected) + "\n   Expected (" + expected_text + "): " + describe(expected, run);
+    QTest::qFail(message.constData(), file, line);
+    return false;
 }
