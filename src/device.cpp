@@ -16,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <limits>
+#include <optional>
 
 using namespace std::chrono_literals;
 using jvxb::Protocol;
@@ -59,6 +60,23 @@ int percentOf(int size, int full_size)
         return 100;
     const auto product = static_cast<qint32>(static_cast<quint32>(size) * 100U);
     return static_cast<qint32>(qint64{product} / full_size);
+}
+
+/// All bytes of \a file, which is open; nothing if there are more than largest_file. A pipe does not tell beforehand.
+std::optional<QByteArray> contentOf(QFile &file)
+{
+    constexpr qint64 piece_size = 1 << 20;
+    if (file.size() > largest_file)
+        return {};
+    QByteArray content;
+    content.reserve(file.size());
+    while (content.size() <= largest_file) {
+        const QByteArray piece = file.read(piece_size);
+        if (piece.isEmpty())
+            return content;
+        content += piece;
+    }
+    return {};
 }
 
 void printProgress(const QString &completed, int size, int full_size)
@@ -112,13 +130,19 @@ QString Device::findPort()
         if (isTerminal(port))
             candidates += port.portName();
     }
-    if (candidates.size() < 2)
+    if (candidates.size() < 2) {
+        jvxb::trace::taken(candidates.value(0), candidates.isEmpty() ? "none is 03eb:6124" : "the only 03eb:6124");
         return candidates.value(0);
+    }
 
     const QString prompt = tr("Select device serial port");
-    if (platform::canShowWindow())
-        return StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
+    if (platform::canShowWindow()) {
+        const QString selected = StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
+        jvxb::trace::taken(selected, selected.isEmpty() ? "none was selected" : "it was selected");
+        return selected;
+    }
     StdOutput() << prompt << ": " << candidates.join(QLatin1String(", "));
+    jvxb::trace::taken({}, "several are 03eb:6124, and nobody can be asked");
     return {};
 }
 
@@ -132,7 +156,7 @@ bool Device::tryOpenSerialPort(bool end_if_error, bool next_operation, int try_c
         platform::watchForHangUp(*_port);
         // A terminal may send nothing before, and not every driver raises the line when it opens the port.
         _port->setDataTerminalReady(true);
-        // Only now: opening reports errors of no consequence, and so does a port without that line.
+        // Connected only now: opening emits harmless errors, and so does a port without that line.
         connect(_protocol, &Protocol::errorOccured, this, &Device::onErrorOccured);
         StdOutput(false) << "\r" << tr("Serial port open: %1").arg(_port->portName()) << "\n\n";
         if (next_operation)
@@ -189,6 +213,7 @@ void Device::afterSending(const std::function<void()> &next)
 
 void Device::onErrorOccured(const QString &error_text)
 {
+    jvxb::trace::failed(error_text);
     if (!_reconnect)
         return end(port_error, error_text);
     closeSerialPort();
@@ -229,7 +254,7 @@ void Device::nextOperation()
         setLog();
     } else if (_log_monitor) {
         connect(_protocol, &Protocol::logReceived, this, &Device::onLogReceived);
-        output_reader::endWith(); // from here on there is nothing but the log
+        output_reader::endOnBrokenPipe(); // from here on there is nothing but the log
     } else {
         quit(0);
     }
@@ -345,12 +370,13 @@ void Device::writeFile()
     QFile file(_file_name);
     if (!file.open(QIODevice::ReadOnly))
         return endWithFileError(file.errorString());
+    const std::optional<QByteArray> content = contentOf(file);
     // A part of a file must never be written and applied as if it were the whole.
-    if (file.size() > largest_file)
+    if (!content)
         return endWithFileError(tr("File too large"));
-    const QByteArray data = file.readAll();
     if (file.error() != QFile::NoError)
         return endWithFileError(file.errorString());
+    const QByteArray &data = *content;
     file.close();
     _crc = ~crc::ieee::calc(reinterpret_cast<const unsigned char *>(data.constData()), static_cast<int>(data.size()));
 
@@ -437,6 +463,8 @@ void Device::onLogReceived(jvxb::Log log, uint8_t type, const QDateTime &datetim
 
 void Device::toggleLog()
 {
+    if (_finished)
+        return;
     connect(_protocol, &Protocol::logEnabled, this, &Device::onLogToggled);
     _protocol->logEnable(_log_mask != 0 ? 0 : text_log_mask);
 }

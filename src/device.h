@@ -52,7 +52,7 @@ public:
     bool start(const QString &port);
 
     /// Switches the terminal's log off, or on with mask 0x4000 if it is off, and prints the outcome. After start()
-    /// only.
+    /// only; does nothing after the end of the run.
     void toggleLog();
 
     /// On SIGINT it makes the running controller toggle the log from within the event loop. The program does not

@@ -9,9 +9,14 @@
 
 namespace {
 
-constexpr std::array valid_kinds{File::Settings, File::Firmware, File::Keys, File::RoadAccident, File::CanDecode,
-    File::TachographDdd, File::FlsFirmware, File::ComplexEvents, File::FlsArchive, File::CanScripts, File::Epo,
-    File::UserFirmware};
+/// All kinds of the catalogue, in the order of their values.
+QList<File> validKinds()
+{
+    QList<File> kinds;
+    for (int value = 0; isSet(static_cast<File>(value)); ++value)
+        kinds += static_cast<File>(value);
+    return kinds;
+}
 
 FileInfo row(File file, const QString &key, const char *name)
 {
@@ -25,7 +30,7 @@ const FileInfo FileInfo::unknown = row(File::Unknown, QStringLiteral("unknown"),
 FileInfo const &FileInfo::info(File file)
 {
     // Row i describes kind i.
-    static const std::array<FileInfo, valid_kinds.size()> infos{{
+    static const std::array infos{
         row(File::Settings, QStringLiteral("settings"), QT_TRANSLATE_NOOP("file", "Settings")),
         row(File::Firmware, QStringLiteral("firmware"), QT_TRANSLATE_NOOP("file", "Firmware")),
         row(File::Keys, QStringLiteral("keys"), QT_TRANSLATE_NOOP("file", "Keys")),
@@ -40,7 +45,7 @@ FileInfo const &FileInfo::info(File file)
         row(File::CanScripts, QStringLiteral("can-scripts"), QT_TRANSLATE_NOOP("file", "Can scripts")),
         row(File::Epo, QStringLiteral("epo"), QT_TRANSLATE_NOOP("file", "EPO file")),
         row(File::UserFirmware, QStringLiteral("user-firmware"), QT_TRANSLATE_NOOP("file", "User firmware")),
-    }};
+    };
     return isSet(file) ? infos[static_cast<std::size_t>(file)] : unknown;
 }
 
@@ -51,7 +56,7 @@ FileInfo const &FileInfo::info(QString const &text)
     if (is_number)
         return info(static_cast<File>(number & 0xFF));
 
-    for (const File file : valid_kinds) {
+    for (const File file : validKinds()) {
         if (info(file).keys.contains(text))
             return info(file);
     }
@@ -69,7 +74,7 @@ QString FileInfo::commandLineDescription() const
 QString FileInfo::commandLineDescriptions()
 {
     QStringList lines;
-    for (const File file : valid_kinds)
+    for (const File file : validKinds())
         lines += info(file).commandLineDescription();
     return lines.join(QLatin1Char('\n'));
 }

@@ -1,6 +1,5 @@
 #include "jvxb.h"
 
-#include "jvxb/trace.h"
 #include "platform.h"
 #include "stdoutput.h"
 
@@ -23,17 +22,6 @@ constexpr qsizetype key_offset = 2;
 
 constexpr int answer_timeout = 500; // ms
 constexpr int write_timeout = 5000; // ms
-
-/// The transaction of a key FR, FW or FU, which begin() lets through as a FileCommand only.
-FileCommand *fileCommand(Transaction *transaction)
-{
-    return static_cast<FileCommand *>(transaction);
-}
-
-File fileOf(const Transaction *transaction)
-{
-    return static_cast<const FileCommand *>(transaction)->_file;
-}
 
 /// The error with which \a answer ends its request, or nothing if it is a success. The status may be 0.
 template <typename Answer>
@@ -94,11 +82,6 @@ Transaction::Transaction(char request, char answer, const QByteArray &key, QObje
     connect(_timer, &QTimer::timeout, this, &Transaction::timeout);
 }
 
-QByteArray Transaction::name() const
-{
-    return QByteArray{}.append(_request).append(_key);
-}
-
 QByteArray Transaction::request() const
 {
     return QByteArray{}.append(start_character).append(_request).append(_key).append(_payload);
@@ -155,36 +138,44 @@ const QByteArray Protocol::_apply_file_key = QByteArrayLiteral("FU");
 const QByteArray Protocol::_log_enable_key = QByteArrayLiteral("LOG");
 const QByteArray Protocol::_log_key = QByteArrayLiteral("LOG");
 
-/// A request, its answer and its failure.
+/// All that belongs to a command key.
 struct Protocol::Exchange {
     const QByteArray &key;
-    const QMetaObject &transaction_class;
+    const QMetaObject &transaction_class; ///< what the handlers of the answer and of the failure need
+    int timeout;                          ///< in milliseconds
     bool (Protocol::*recv)(Transaction *transaction, const QByteArray &payload);
     void (Protocol::*fail)(const Transaction *transaction, Error error);
+
+    [[nodiscard]] bool takes(const Transaction *transaction) const
+    {
+        return transaction_class.cast(transaction) != nullptr;
+    }
 };
 
 /// The row of \a key; null if there is none.
 const Protocol::Exchange *Protocol::exchangeOf(const QByteArray &key)
 {
+    using P = Protocol;
+    const QMetaObject &any = Transaction::staticMetaObject;
+    const QMetaObject &file = FileCommand::staticMetaObject;
     static const std::array exchanges{
-        Exchange{_soft_version_key, Ask::staticMetaObject, &Protocol::recvSoftVersion, &Protocol::failSoftVersion},
-        Exchange{_hard_version_key, Ask::staticMetaObject, &Protocol::recvHardVersion, &Protocol::failHardVersion},
-        Exchange{_serial_number_key, Ask::staticMetaObject, &Protocol::recvSerialNumber, &Protocol::failSerialNumber},
-        Exchange{_read_file_key, FileCommand::staticMetaObject, &Protocol::recvReadFile, &Protocol::failReadFile},
-        Exchange{_write_file_key, FileCommand::staticMetaObject, &Protocol::recvWriteFile, &Protocol::failWriteFile},
-        Exchange{_apply_file_key, FileCommand::staticMetaObject, &Protocol::recvApplyFile, &Protocol::failApplyFile},
-        Exchange{_log_enable_key, Command::staticMetaObject, &Protocol::recvLogEnable, &Protocol::failLogEnable},
+        Exchange{_soft_version_key, any, answer_timeout, &P::recvSoftVersion, &P::failSoftVersion},
+        Exchange{_hard_version_key, any, answer_timeout, &P::recvHardVersion, &P::failHardVersion},
+        Exchange{_serial_number_key, any, answer_timeout, &P::recvSerialNumber, &P::failSerialNumber},
+        Exchange{_read_file_key, file, answer_timeout, &P::recvReadFile, &P::failReadFile},
+        Exchange{_write_file_key, file, write_timeout, &P::recvWriteFile, &P::failWriteFile},
+        Exchange{_apply_file_key, file, answer_timeout, &P::recvApplyFile, &P::failApplyFile},
+        Exchange{_log_enable_key, any, answer_timeout, &P::recvLogEnable, &P::failLogEnable},
     };
     const auto *const found = std::find_if(
         exchanges.begin(), exchanges.end(), [&key](const Exchange &exchange) { return exchange.key == key; });
     return found == exchanges.end() ? nullptr : found;
 }
 
-/// A key that is not in the table takes any class.
-bool Protocol::isOfItsClass(const Transaction *transaction)
+/// The answer time of \a key, one of the table, in milliseconds.
+int Protocol::timeoutOf(const QByteArray &key)
 {
-    const Exchange *const exchange = exchangeOf(transaction->key());
-    return !exchange || transaction->metaObject()->inherits(&exchange->transaction_class);
+    return exchangeOf(key)->timeout;
 }
 
 Protocol::Protocol(QSerialPort *port, QObject *parent)
@@ -198,7 +189,6 @@ Protocol::Protocol(QSerialPort *port, QObject *parent)
 
 void Protocol::begin(Transaction *transaction)
 {
-    Q_ASSERT_X(isOfItsClass(transaction), "begin", "the transaction is of another class than its key takes");
     _queue.append(transaction);
     connect(transaction, &Transaction::timeout, this, &Protocol::onTimeout);
     send(transaction);
@@ -220,7 +210,7 @@ void Protocol::end(Transaction *transaction)
 
 /// Sends at once, which saves a turn of the event loop; some systems go on with that in the background, and so does the
 /// port when the line is full. When all of it is out, the second flush() saves another turn: it switches off the port's
-/// wait for the line to take more.
+/// write notifier.
 void Protocol::send(Transaction *transaction)
 {
     const QScopedValueRollback<bool> sending(_sending, true);
@@ -235,22 +225,17 @@ void Protocol::onErrorOccurred(QSerialPort::SerialPortError error)
     if (error == QSerialPort::NoError || platform::isLineFull(*_port))
         return;
     const QString text = _port->errorString();
+    const auto report = [this, text] { Q_EMIT errorOccured(text); };
     if (_sending)
-        QMetaObject::invokeMethod(
-            this, [this, text] { reportError(text); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);
     else
-        reportError(text);
-}
-
-void Protocol::reportError(const QString &text)
-{
-    trace::failed(text);
-    Q_EMIT errorOccured(text);
+        report();
 }
 
 /// Half a packet from before would swallow the first answers after the port is opened again.
 void Protocol::onAboutToClose()
 {
+    trace::left(_received.bytes());
     trace::closed(_port->portName());
     _received.clear();
 }
@@ -261,6 +246,7 @@ void Protocol::onTimeout()
     if (!transaction)
         return;
     trace::timedOut(transaction->name());
+    trace::left(_received.bytes());
     fail(transaction, Error::Timeout);
     end(transaction);
 }
@@ -300,12 +286,13 @@ void Protocol::recvPacket(const QByteArray &body)
 bool Protocol::recvPacket(Transaction *transaction, const QByteArray &key, const QByteArray &payload)
 {
     const Exchange *const exchange = exchangeOf(key);
-    return !exchange || (this->*exchange->recv)(transaction, payload);
+    return !exchange || !exchange->takes(transaction) || (this->*exchange->recv)(transaction, payload);
 }
 
 bool Protocol::fail(const Transaction *transaction, Error error)
 {
-    if (const Exchange *const exchange = exchangeOf(transaction->key()))
+    const Exchange *const exchange = exchangeOf(transaction->key());
+    if (exchange && exchange->takes(transaction))
         (this->*exchange->fail)(transaction, error);
     return true;
 }
@@ -314,17 +301,17 @@ bool Protocol::fail(const Transaction *transaction, Error error)
 
 void Protocol::readSoftVersion()
 {
-    begin(new Ask(_soft_version_key, this, answer_timeout));
+    begin(new Ask(_soft_version_key, this, timeoutOf(_soft_version_key)));
 }
 
 void Protocol::readHardVersion()
 {
-    begin(new Ask(_hard_version_key, this, answer_timeout));
+    begin(new Ask(_hard_version_key, this, timeoutOf(_hard_version_key)));
 }
 
 void Protocol::readSerialNumber()
 {
-    begin(new Ask(_serial_number_key, this, answer_timeout));
+    begin(new Ask(_serial_number_key, this, timeoutOf(_serial_number_key)));
 }
 
 bool Protocol::recvSoftVersion(Transaction *transaction, const QByteArray &payload)
@@ -373,7 +360,7 @@ void Protocol::failSerialNumber(const Transaction *, Error error)
 
 void Protocol::readFile(File file)
 {
-    readFileContinue(new FileCommand(file, {}, _read_file_key, this, answer_timeout), 0);
+    readFileContinue(new FileCommand(file, {}, _read_file_key, this, timeoutOf(_read_file_key)), 0);
 }
 
 void Protocol::readFileContinue(FileCommand *command, uint handle)
@@ -388,7 +375,7 @@ bool Protocol::recvReadFile(Transaction *transaction, const QByteArray &payload)
     const auto answer = ReadFileAnswer::parse(payload);
     if (const std::optional<Error> error = refusal(answer))
         return fail(transaction, *error);
-    auto *const command = fileCommand(transaction);
+    auto *const command = qobject_cast<FileCommand *>(transaction);
     if (answer->file != command->_file)
         return false;
     if (!answer->piece)
@@ -410,12 +397,12 @@ bool Protocol::recvReadFile(Transaction *transaction, const QByteArray &payload)
 
 void Protocol::failReadFile(const Transaction *transaction, Error error)
 {
-    Q_EMIT fileReaded(error, fileOf(transaction), {});
+    Q_EMIT fileReaded(error, qobject_cast<const FileCommand *>(transaction)->_file, {});
 }
 
 void Protocol::writeFile(File file, const QByteArray &data)
 {
-    writeFileContinue(new FileCommand(file, data, _write_file_key, this, write_timeout), 0, 0);
+    writeFileContinue(new FileCommand(file, data, _write_file_key, this, timeoutOf(_write_file_key)), 0, 0);
 }
 
 void Protocol::writeFileContinue(FileCommand *command, uint offset, uint handle)
@@ -429,7 +416,7 @@ bool Protocol::recvWriteFile(Transaction *transaction, const QByteArray &payload
     const auto answer = WriteFileAnswer::parse(payload);
     if (const std::optional<Error> error = refusal(answer))
         return fail(transaction, *error);
-    auto *const command = fileCommand(transaction);
+    auto *const command = qobject_cast<FileCommand *>(transaction);
     if (answer->file != command->_file)
         return false;
 
@@ -446,12 +433,12 @@ bool Protocol::recvWriteFile(Transaction *transaction, const QByteArray &payload
 
 void Protocol::failWriteFile(const Transaction *transaction, Error error)
 {
-    Q_EMIT fileWritten(error, fileOf(transaction));
+    Q_EMIT fileWritten(error, qobject_cast<const FileCommand *>(transaction)->_file);
 }
 
 void Protocol::applyFile(File file, uint checksum)
 {
-    auto *const command = new FileCommand(file, {}, _apply_file_key, this, answer_timeout);
+    auto *const command = new FileCommand(file, {}, _apply_file_key, this, timeoutOf(_apply_file_key));
     command->setPayload(applyFileRequest(file, checksum));
     begin(command);
 }
@@ -461,7 +448,7 @@ bool Protocol::recvApplyFile(Transaction *transaction, const QByteArray &payload
     const auto answer = ApplyFileAnswer::parse(payload);
     if (const std::optional<Error> error = refusal(answer))
         return fail(transaction, *error);
-    if (answer->file != fileOf(transaction))
+    if (answer->file != qobject_cast<FileCommand *>(transaction)->_file)
         return false;
     Q_EMIT fileApplied(Error::None, answer->file);
     return true;
@@ -469,7 +456,7 @@ bool Protocol::recvApplyFile(Transaction *transaction, const QByteArray &payload
 
 void Protocol::failApplyFile(const Transaction *transaction, Error error)
 {
-    Q_EMIT fileApplied(error, fileOf(transaction));
+    Q_EMIT fileApplied(error, qobject_cast<const FileCommand *>(transaction)->_file);
 }
 
 /// Sends the request in \a command, its first or a further one; each has the full answer time.
@@ -485,7 +472,7 @@ void Protocol::sendPiece(FileCommand *command)
 
 void Protocol::logEnable(quint32 mask)
 {
-    auto *const command = new Command(_log_enable_key, this, answer_timeout);
+    auto *const command = new Command(_log_enable_key, this, timeoutOf(_log_enable_key));
     command->setPayload(logEnableRequest(mask));
     begin(command);
 }

@@ -3,6 +3,7 @@
 #include "file.h"
 #include "jvxb/framing.h"
 #include "jvxb/payloads.h"
+#include "jvxb/trace.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -60,8 +61,8 @@ public:
 
     [[nodiscard]] const QByteArray &payload() const { return _payload; }
 
-    /// The direction character of the request and the key, as "?V".
-    [[nodiscard]] QByteArray name() const;
+    /// What the trace calls the transaction; valid as long as it is there.
+    [[nodiscard]] trace::Name name() const { return {_request, _key}; }
 
     /// The body of the request: "*", the direction character, the key and the payload.
     [[nodiscard]] QByteArray request() const;
@@ -168,8 +169,8 @@ public:
     /// Sets the terminal's log mask: bit n lets log n through; 0 disables the log. Time-out 500 ms. Emits logEnabled.
     void logEnable(quint32 mask);
 
-    /// Queues a new \a transaction, sends it and starts its timer. A command key of the list above takes its own class
-    /// of transaction: Ask for what asks for information, FileCommand for the requests about files, otherwise Command.
+    /// Queues a new \a transaction, sends it and starts its timer. The keys V, H and S take an Ask, LOG a Command, and
+    /// FR, FW and FU a FileCommand: with another class of transaction an answer to these three has no result.
     void begin(Transaction *transaction);
 
     /// Sends a queued \a transaction again, with its present payload, and restarts its timer.
@@ -233,10 +234,9 @@ private:
     struct Exchange; ///< what belongs to a command key, a row of the engine's table
 
     static const Exchange *exchangeOf(const QByteArray &key);
-    static bool isOfItsClass(const Transaction *transaction);
+    static int timeoutOf(const QByteArray &key);
 
     void onAboutToClose();
-    void reportError(const QString &text);
 
     void send(Transaction *transaction);
 
@@ -270,7 +270,7 @@ private:
     void recvMessage(const QByteArray &body);
     void recvLog(const QByteArray &record);
 
-    ReceiveBuffer _received;
+    ReceiveBuffer _received{trace::skipped};
     QList<Transaction *> _queue; ///< pending transactions, oldest first
     QSerialPort *const _port;
     bool _sending = false;

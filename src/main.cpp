@@ -1,15 +1,13 @@
 #include "device.h"
 #include "file.h"
+#include "jvxb/trace.h"
 #include "outputreader.h"
+#include "platform.h"
 #include "stdoutput.h"
 
 #include <QApplication>
-#include <QByteArrayList>
 #include <QCommandLineParser>
-#include <QDir>
-#include <QFileInfo>
 #include <QStringList>
-#include <QSysInfo>
 
 #include <optional>
 
@@ -31,43 +29,6 @@ enum ExitCode : int {
 constexpr File default_kind = File::UserFirmware;
 constexpr quint32 default_log_mask = 0x4000;
 
-/// Whether the environment announces a Wayland display that is there. The library that would connect to it remarks on
-/// standard error when it is not.
-bool hasWaylandDisplay()
-{
-    if (!qEnvironmentVariableIsSet("WAYLAND_DISPLAY") && qgetenv("XDG_SESSION_TYPE") != "wayland")
-        return false;
-    const QString name = qEnvironmentVariable("WAYLAND_DISPLAY", QStringLiteral("wayland-0"));
-    const QString path = QDir(qEnvironmentVariable("XDG_RUNTIME_DIR")).filePath(name); // the name may be a path itself
-    return QDir::isAbsolutePath(path) && QFileInfo::exists(path);
-}
-
-/// The platform plugins to try in turn: the framework's own choice for the display that the environment announces, then
-/// one without windows. A display that is announced may be gone, as in a session that outlived its login.
-QByteArray platforms()
-{
-    QByteArrayList names;
-    if (qEnvironmentVariableIsSet("DISPLAY"))
-        names += "xcb";
-    if (hasWaylandDisplay()) {
-        const bool prefers_x = qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome");
-        names.insert(prefers_x ? names.size() : 0, "wayland");
-    }
-    names += "minimal";
-    return names.join(';');
-}
-
-/// Without a display the application object would abort the process; this lets the tool run without windows then. A
-/// platform plugin that the user named in QT_QPA_PLATFORM is left alone, and so are the systems that always have a
-/// display.
-void tolerateMissingDisplay()
-{
-    const QString kernel = QSysInfo::kernelType();
-    const bool always_has_display = kernel == QLatin1String("winnt") || kernel == QLatin1String("darwin");
-    if (!always_has_display && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", platforms());
-}
-
 /// Makes the framework take its own event dispatcher where it would take the one of GLib, which needs twice the system
 /// calls for every packet. A choice of the user stands; systems without GLib do not know the variable.
 void preferPlainEventDispatcher()
@@ -78,8 +39,8 @@ void preferPlainEventDispatcher()
 
 QtMessageHandler default_message_handler = nullptr;
 
-/// The framework remarks on locales, displays and files that it cannot use. What the user needs to know of that the
-/// tool says itself, on standard output.
+/// The framework remarks on locales, displays and files that it cannot use. The tool reports what matters itself, on
+/// standard output; the trace and the last words of a process that is aborted pass.
 void dropRemarks(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     if (type == QtDebugMsg || type == QtFatalMsg)
@@ -131,6 +92,13 @@ std::optional<quint32> logMask(const QString &text)
     return static_cast<quint32>(mask);
 }
 
+QString namedPort(const CommandLine &command_line)
+{
+    QString port = command_line.value(command_line._port);
+    jvxb::trace::taken(port, "it is named");
+    return port;
+}
+
 int fail(ExitCode code, const QString &message)
 {
     StdOutput(true) << message;
@@ -141,47 +109,50 @@ int fail(ExitCode code, const QString &message)
 
 int main(int argc, char *argv[])
 {
-    output_reader::outlive();
-    tolerateMissingDisplay();
+    output_reader::ignoreBrokenPipe();
+    platform::tolerateMissingDisplay();
     preferPlainEventDispatcher();
     default_message_handler = qInstallMessageHandler(dropRemarks);
     const QApplication application(argc, argv);
     setIdentity();
 
-    CommandLine line;
-    line.process(application); // shows help and version and its own complaints, and ends the process then
+    CommandLine command_line;
+    command_line.process(application); // shows help and version and its own complaints, and ends the process then
 
-    const QStringList paths = line.positionalArguments();
-    if ((line.isSet(line._read) || line.isSet(line._write)) && paths.isEmpty())
+    const QStringList paths = command_line.positionalArguments();
+    if ((command_line.isSet(command_line._read) || command_line.isSet(command_line._write)) && paths.isEmpty())
         return fail(file_name_missing, Text::tr("File name not specified"));
 
-    const File kind = line.isSet(line._file) ? FileInfo::info(line.value(line._file)).file : default_kind;
+    const File kind = command_line.isSet(command_line._file)
+        ? FileInfo::info(command_line.value(command_line._file)).file
+        : default_kind;
     if (!isSet(kind))
         return fail(file_kind_unknown, Text::tr("Selected unknown file"));
 
-    const QString port = line.isSet(line._port) ? line.value(line._port) : Device::findPort();
+    jvxb::trace::began();
+    const QString port = command_line.isSet(command_line._port) ? namedPort(command_line) : Device::findPort();
     if (port.isEmpty())
         return fail(port_missing, Text::tr("Serial port is not selected"));
 
     Device device;
-    device._log_monitor = line.isSet(line._monitor);
+    device._log_monitor = command_line.isSet(command_line._monitor);
     device.logEnable(default_log_mask);
-    if (line.isSet(line._log)) {
-        const std::optional<quint32> mask = logMask(line.value(line._log));
+    if (command_line.isSet(command_line._log)) {
+        const std::optional<quint32> mask = logMask(command_line.value(command_line._log));
         if (!mask)
             return fail(log_mask_invalid, Text::tr("Invalid log mask"));
         device.logEnable(*mask);
     }
 
     bool accepted = true;
-    if (line.isSet(line._read))
+    if (command_line.isSet(command_line._read))
         accepted = device.setReadFile(kind, paths.constFirst());
-    else if (line.isSet(line._write))
+    else if (command_line.isSet(command_line._write))
         accepted = device.setWriteFile(kind, paths.constFirst());
     if (!accepted)
         return file_not_accepted;
 
-    if (line.isSet(line._apply))
+    if (command_line.isSet(command_line._apply))
         device._apply_file = kind;
     return device.start(port) ? QApplication::exec() : start_failed;
 }

@@ -16,13 +16,13 @@ void handleBrokenPipe(void (*)(int)) { }
 
 } // namespace
 
-void output_reader::outlive()
+void output_reader::ignoreBrokenPipe()
 {
     handleBrokenPipe(SIG_IGN);
 }
 
-void output_reader::endWith()
+void output_reader::endOnBrokenPipe()
 {
     handleBrokenPipe(SIG_DFL);
-    std::cout.clear(); // after a failure it would write nothing more, and so never notice
+    std::cout.clear(); // a stream that has failed writes nothing, so SIGPIPE would never come
 }

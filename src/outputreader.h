@@ -1,13 +1,13 @@
 #pragma once
 
-/// Whoever reads the process's standard output through a pipe, and may leave before the process ends. On systems that
-/// know SIGPIPE, writing then ends the process; elsewhere there is nothing to do.
+/// What happens when the reader of standard output goes away, as `head` does when it has seen enough. On systems that
+/// know SIGPIPE the next write then ends the process, unless that signal is ignored; on the others nothing happens.
 namespace output_reader {
 
-/// From now on the process goes on unread: a transfer is not to be cut short.
-void outlive();
+/// Ignores SIGPIPE: a transfer must finish also when nobody reads what the process prints.
+void ignoreBrokenPipe();
 
-/// From now on the process ends at the next write that nobody reads, also when the reader has left already.
-void endWith();
+/// Lets SIGPIPE end the process, at the next write if the reader has left already.
+void endOnBrokenPipe();
 
 } // namespace output_reader

@@ -7,6 +7,9 @@ class QSerialPort;
 /// What the tool has to know of the operating system; CMake picks the file that knows it.
 namespace platform {
 
+/// Lets the program run without windows where no display is there. To be called before the application object is made.
+void tolerateMissingDisplay();
+
 /// Whether a window can be shown to somebody; a dialog that nobody sees would wait for ever. To be asked once the
 /// application object is there.
 bool canShowWindow();

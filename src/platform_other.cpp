@@ -1,8 +1,12 @@
 #include "platform.h"
 
+#include <QByteArrayList>
+#include <QDir>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QSerialPort>
 #include <QSocketNotifier>
+#include <QSysInfo>
 
 #include <csignal>
 #include <sys/time.h>
@@ -42,7 +46,43 @@ private:
     itimerval _timer{};
 };
 
+/// Whether the environment announces a Wayland display that is there. The library that would connect to it remarks on
+/// standard error when it is not.
+bool hasWaylandDisplay()
+{
+    if (!qEnvironmentVariableIsSet("WAYLAND_DISPLAY") && qgetenv("XDG_SESSION_TYPE") != "wayland")
+        return false;
+    const QString name = qEnvironmentVariable("WAYLAND_DISPLAY", QStringLiteral("wayland-0"));
+    const QString path = QDir(qEnvironmentVariable("XDG_RUNTIME_DIR")).filePath(name); // the name may be a path itself
+    return QDir::isAbsolutePath(path) && QFileInfo::exists(path);
+}
+
+/// The platform plugins to try in turn: the framework's own choice for the display that the environment announces, then
+/// one without windows. A display that is announced may be gone, as in a session that outlived its login.
+QByteArray platforms()
+{
+    QByteArrayList names;
+    if (qEnvironmentVariableIsSet("DISPLAY"))
+        names += "xcb";
+    if (hasWaylandDisplay()) {
+        const bool prefers_x = qgetenv("XDG_CURRENT_DESKTOP").toLower().contains("gnome");
+        names.insert(prefers_x ? names.size() : 0, "wayland");
+    }
+    names += "minimal";
+    return names.join(';');
+}
+
 } // namespace
+
+/// Without a display the application object would abort the process; this lets the tool run without windows then. A
+/// platform plugin that the user named in QT_QPA_PLATFORM is left alone, and so are the systems that always have a
+/// display.
+void platform::tolerateMissingDisplay()
+{
+    const bool always_has_display = QSysInfo::kernelType() == QLatin1String("darwin");
+    if (!always_has_display && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", platforms());
+}
 
 /// The program selects the platform plugin "minimal" where it finds no display.
 bool platform::canShowWindow()

@@ -4,6 +4,9 @@
 
 #include <windows.h>
 
+/// There always is one, although perhaps on no screen.
+void platform::tolerateMissingDisplay() { }
+
 /// In a service, a scheduled task or a session of ssh the process has a desktop of its own that no screen shows.
 bool platform::canShowWindow()
 {

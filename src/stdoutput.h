@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <concepts>
 #include <iostream>
 
 /// One message to the console.
@@ -18,6 +19,12 @@ public:
         : _new_line(new_line)
     {
     }
+
+    /// An integer type whose values are numbers. Those of 8 bits are, in the framework's and the standard's names, too.
+    template <typename T>
+    static constexpr bool is_number
+        = std::integral<
+              T> && !std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
 
     StdOutput(const StdOutput &) = delete;
     StdOutput &operator=(const StdOutput &) = delete;
@@ -41,8 +48,9 @@ public:
         return *this;
     }
 
-    /// Writes \a number in decimal, without flushing.
-    StdOutput &operator<<(int number) { return *this << QString::number(number); }
+    /// Writes \a number, of any integer type, in decimal, without flushing. The types of characters and bool are none.
+    template <typename T>
+    requires is_number<T> StdOutput &operator<<(T number) { return *this << QString::number(number); }
 
 private:
     bool _new_line;

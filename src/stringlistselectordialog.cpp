@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// Takes what the display still has to say of a window that was closed. The framework's Wayland plugin may wait for
+/// Processes the last display events of the closed window. The framework's Wayland plugin may wait for
 /// ever for its own threads if the program ends meanwhile.
 void awaitClosing()
 {

@@ -1,6 +1,7 @@
 #include "localfiles.h"
 #include "tool.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QSerialPortInfo>
@@ -10,6 +11,15 @@
 #include <algorithm>
 
 namespace {
+
+/// A port that does not exist, and that no other test names: opening it takes a lock first.
+const QString no_port = QStringLiteral("nosuchport-%1").arg(QCoreApplication::applicationPid());
+
+/// \a arguments on that port.
+QStringList onNoPort(const QStringList &arguments = {})
+{
+    return QStringList{QStringLiteral("-p"), no_port} + arguments;
+}
 
 Run run(const QStringList &arguments, const QStringList &environment = {})
 {
@@ -38,7 +48,7 @@ bool terminalIsConnected()
     });
 }
 
-const QByteArray cannot_open = QByteArrayLiteral("Failed to open serial port nosuchport: No such file or directory\n");
+const QByteArray cannot_open = "Failed to open serial port " + no_port.toUtf8() + ": No such file or directory\n";
 
 } // namespace
 
@@ -105,7 +115,7 @@ void CommandLineTest::anUnknownKindIsRefused_data()
 void CommandLineTest::anUnknownKindIsRefused()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(154, "Selected unknown file\n"));
+    QCOMPARE(run(onNoPort(arguments)), exits(154, "Selected unknown file\n"));
 }
 
 void CommandLineTest::aKnownKindPasses_data()
@@ -117,7 +127,7 @@ void CommandLineTest::aKnownKindPasses_data()
 void CommandLineTest::aKnownKindPasses()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(arguments)), exits(151, cannot_open));
 }
 
 void CommandLineTest::withoutAPortNothingStarts_data()
@@ -154,7 +164,7 @@ void CommandLineTest::anInvalidLogMaskIsRefused_data()
 void CommandLineTest::anInvalidLogMaskIsRefused()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(150, "Invalid log mask\n"));
+    QCOMPARE(run(onNoPort(arguments)), exits(150, "Invalid log mask\n"));
 }
 
 void CommandLineTest::aValidLogMaskPasses_data()
@@ -166,14 +176,14 @@ void CommandLineTest::aValidLogMaskPasses_data()
 void CommandLineTest::aValidLogMaskPasses()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(arguments + words("-p nosuchport")), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(arguments)), exits(151, cannot_open));
 }
 
 void CommandLineTest::aPortThatDoesNotExistIsReported_data()
 {
     QTest::addColumn<QString>("port");
-    for (const char *port : {"nosuchport", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
-        QTest::newRow(port) << QString::fromUtf8(port);
+    for (const char *port : {"", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
+        QTest::newRow(port) << QString::fromUtf8(port) + no_port;
 }
 
 void CommandLineTest::aPortThatDoesNotExistIsReported()
@@ -187,7 +197,7 @@ void CommandLineTest::aPortThatDoesNotExistIsReported()
 // The same name as in all other messages about the port.
 void CommandLineTest::aDeviceFileIsReportedByThePortsName()
 {
-    QCOMPARE(run(words("-p /dev/nosuchport")), exits(151, cannot_open));
+    QCOMPARE(run({QStringLiteral("-p"), QStringLiteral("/dev/") + no_port}), exits(151, cannot_open));
 }
 
 void CommandLineTest::theFirstFailureDecides_data()
@@ -199,8 +209,8 @@ void CommandLineTest::theFirstFailureDecides_data()
     commandLine("-l xyz -p '' -f nokey") << 154 << QByteArray("Selected unknown file\n");
     commandLine("-l xyz -p '' -f nokey file -w") << 154 << QByteArray("Selected unknown file\n");
     commandLine("-l xyz -p ''") << 153 << QByteArray("Serial port is not selected\n");
-    commandLine("-l xyz -p nosuchport") << 150 << QByteArray("Invalid log mask\n");
-    commandLine("-l 4000 -p nosuchport") << 151 << cannot_open;
+    QTest::newRow("-l xyz, no such port") << onNoPort(words("-l xyz")) << 150 << QByteArray("Invalid log mask\n");
+    QTest::newRow("-l 4000, no such port") << onNoPort(words("-l 4000")) << 151 << cannot_open;
 }
 
 void CommandLineTest::theFirstFailureDecides()
@@ -220,7 +230,7 @@ void CommandLineTest::furtherArgumentsAreIgnored_data()
 void CommandLineTest::furtherArgumentsAreIgnored()
 {
     QFETCH(QStringList, arguments);
-    QCOMPARE(run(words("-p nosuchport") + arguments), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(arguments)), exits(151, cannot_open));
 }
 
 void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen_data()
@@ -233,11 +243,11 @@ void CommandLineTest::aLocalFileIsLeftAloneWhenThePortDoesNotOpen()
     QFETCH(QStringList, arguments);
     const QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("file"));
-    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(arguments) + QStringList{path}), exits(151, cannot_open));
     QVERIFY(QDir(directory.path()).isEmpty());
 
     files::store(path, "kept");
-    QCOMPARE(run(arguments + words("-p nosuchport") + QStringList{path}), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(arguments) + QStringList{path}), exits(151, cannot_open));
     QCOMPARE(files::content(path), QByteArrayLiteral("kept"));
 }
 
@@ -337,7 +347,7 @@ void CommandLineTest::theSurroundingsMakeNoDifference_data()
 void CommandLineTest::theSurroundingsMakeNoDifference()
 {
     QFETCH(QStringList, environment);
-    QCOMPARE(run(words("-p nosuchport"), environment), exits(151, cannot_open));
+    QCOMPARE(run(onNoPort(), environment), exits(151, cannot_open));
     QCOMPARE(run(words("-r"), environment), exits(155, "File name not specified\n"));
     QCOMPARE(run(words("--version"), environment), exits(0, "JVX file loader 0.0.8\n"));
     QCOMPARE(run(words("--help"), environment), exits(0, run(words("--help")).output));
@@ -367,7 +377,7 @@ void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()
     if (!QFile::exists(full))
         QSKIP("No /dev/full here");
     const QStringList command{QStringLiteral("-c"), QStringLiteral("exec \"$@\" >/dev/full"), QStringLiteral("sh")};
-    Tool tool(QStringLiteral("sh"), command + QStringList{Tool::path()} + words("-p nosuchport"), {});
+    Tool tool(QStringLiteral("sh"), command + QStringList{Tool::path()} + onNoPort(), {});
     QCOMPARE(tool.finish(), exits(151, {}));
 }
 

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void theFirstExitCodeStands();
     void noOperationStartsAfterTheEnd();
     void aResultAfterTheEndIsNotPrinted();
+    void nothingIsRequestedAfterTheEnd();
 
     void recordsOfTheTextLogArePrinted_data();
     void recordsOfTheTextLogArePrinted();
@@ -292,6 +293,19 @@ void DeviceTest::aResultAfterTheEndIsNotPrinted()
     const Capture console;
     QTRY_COMPARE(timed_out.count(), 1);
     QCOMPARE(console.written(), QByteArray());
+}
+
+// The interrupt may come in the last turn of the event loop.
+void DeviceTest::nothingIsRequestedAfterTheEnd()
+{
+    QVERIFY(start());
+    identify();
+    const auto requests = _terminal->requests();
+    Q_EMIT _protocol->errorOccured(QStringLiteral("gone"));
+    _device->toggleLog();
+    Device::onSigintSignal(SIGINT);
+    QTest::qWait(200);
+    QCOMPARE(_terminal->requests(), requests);
 }
 
 void DeviceTest::recordsOfTheTextLogArePrinted_data()

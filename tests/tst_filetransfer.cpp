@@ -1,5 +1,6 @@
 #include "console.h"
 #include "localfiles.h"
+#include "sanitizers.h"
 #include "simulatedterminal.h"
 #include "tool.h"
 
@@ -44,6 +45,8 @@ private Q_SLOTS:
     void aLocalFileThatCannotBeReadEndsTheRun_data();
     void aLocalFileThatCannotBeReadEndsTheRun();
     void aLocalFileThatIsTooLargeEndsTheRun();
+    void aPipeMayBringTheFile();
+    void aPipeThatBringsTooMuchEndsTheRun();
     void fewerBytesAcceptedThanSentAreSentAgain();
 
     void anApplyCarriesTheChecksum();
@@ -475,6 +478,37 @@ void FileTransferTest::aLocalFileThatIsTooLargeEndsTheRun()
     QVERIFY(QFile::resize(terminal.local(), 0x80000000)); // takes no space
     QCOMPARE(
         terminal.run("-w -a -f settings"), terminal.ends(file_error, accessError(terminal.local(), "File too large")));
+    QCOMPARE(terminal.furtherRequests(), 0);
+}
+
+/// The tool, whose standard input is what the shell's \a command prints; it writes and applies that.
+static Run applyOutputOf(const char *command, const FileTerminal &terminal)
+{
+    const QString line = QStringLiteral("{ %1; } | \"$@\"").arg(QLatin1String(command));
+    const QStringList shell{QStringLiteral("-c"), line, QStringLiteral("sh"), Tool::path()};
+    return Tool(
+        QStringLiteral("sh"), shell + argumentsOn(terminal.port(), "-w -f settings", QStringLiteral("/dev/stdin")), {})
+        .finish(120s);
+}
+
+void FileTransferTest::aPipeMayBringTheFile()
+{
+    FileTerminal terminal;
+    const Run run = applyOutputOf("printf 12345; sleep 0.2; printf 6789", terminal);
+    QCOMPARE(run,
+        terminal.ends(
+            0, console::writing(QStringLiteral("/dev/stdin"), "settings") + console::progress(9) + console::written()));
+    QCOMPARE(content(terminal.settings()), QByteArray("123456789"));
+}
+
+// The size of a pipe is known only when it has been read.
+void FileTransferTest::aPipeThatBringsTooMuchEndsTheRun()
+{
+    if (is_sanitized)
+        QSKIP("This takes 2 GiB, and many more with the sanitizer.");
+    FileTerminal terminal;
+    const Run run = applyOutputOf("head -c 4294968596 /dev/zero", terminal); // 4 GiB and 1300 bytes
+    QCOMPARE(run, terminal.ends(file_error, accessError(QStringLiteral("/dev/stdin"), "File too large")));
     QCOMPARE(terminal.furtherRequests(), 0);
 }
 

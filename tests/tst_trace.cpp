@@ -3,6 +3,7 @@
 #include "packets.h"
 #include "plainterminal.h"
 #include "simulatedterminal.h"
+#include "testbed.h"
 #include "tool.h"
 
 #include <QRegularExpression>
@@ -18,6 +19,11 @@ private Q_SLOTS:
     void theRunIsTheSameWithIt();
     void everythingThatPassesIsShown();
     void bytesThatArePassedOverAreShownWithTheReason();
+    void bytesThatMakeNoPacketAreShown_data();
+    void bytesThatMakeNoPacketAreShown();
+    void theBeginningTellsWhatRunsWhere();
+    void thePortsThatAreThereAreShown_data();
+    void thePortsThatAreThereAreShown();
     void anAnswerTimeThatRunsOutIsShown();
     void aPortThatFailsIsShown();
     void theTimesGoOnToTheMicrosecond();
@@ -36,6 +42,15 @@ QByteArrayList traceIn(const QByteArray &errors)
         const auto match = line.match(QString::fromLocal8Bit(text));
         lines += match.hasMatch() ? match.captured(1).toLocal8Bit() : text;
     }
+    return lines;
+}
+
+/// The lines of the trace in \a errors from the opening of the port on.
+QByteArrayList wireIn(const QByteArray &errors)
+{
+    QByteArrayList lines = traceIn(errors);
+    while (!lines.isEmpty() && !lines.constFirst().endsWith(" opened"))
+        lines.removeFirst();
     return lines;
 }
 
@@ -112,32 +127,99 @@ void TraceTest::everythingThatPassesIsShown()
         "it answers !LOG",
         "port " + name + " closed",
     };
-    QByteArrayList trace = traceIn(run.errors);
-    trace.removeAll("port error: Inappropriate ioctl for device"); // a pseudo-terminal has no line to raise
-    QCOMPARE(trace, expected);
+    QCOMPARE(wireIn(run.errors), expected);
 }
 
 void TraceTest::bytesThatArePassedOverAreShownWithTheReason()
 {
     PlainTerminal terminal;
     Tool tool(argumentsOn(terminal.port()), traced);
+    const QByteArray damaged = packets::withWrongHeaderSum(packets::software_answer);
     answer(terminal,
-        {"xyz" + packets::software_answer,
-            packets::withWrongHeaderSum(packets::software_answer) + packets::hardware_answer,
+        {"xyz" + packets::software_answer, damaged + packets::hardware_answer,
             packets::header(2, 0) + "**" + packets::withWrongBodySum("*#S:1") + packets::serial_number_answer,
             packets::mask_answer});
     const Run run = tool.finish();
     QCOMPARE(run.code, 0);
     const QByteArrayList expected{
-        "skipped 3 B: no magic",
-        "skipped 4 B: header checksum",
-        "skipped 37 B: no magic", // the rest of the header, and the body
-        "skipped 4 B: body length",
-        "skipped 14 B: no magic",
-        "skipped 16 B: body checksum",
-        "skipped 5 B: no magic",
+        "skipped 3 B: no magic: 78 79 7a",
+        "skipped 4 B: header checksum: 40 4a 56 58",
+        // The rest of the header, and the body.
+        "skipped 37 B: no magic: " + damaged.sliced(4).toHex(' '),
+        "skipped 4 B: body length: 40 4a 56 58",
+        "skipped 14 B: no magic: " + packets::header(2, 0).sliced(4).toHex(' ') + " 2a 2a",
+        "skipped 16 B: body checksum: " + packets::withWrongBodySum("*#S:1").first(16).toHex(' '),
+        "skipped 5 B: no magic: 2a 23 53 3a 31",
     };
     QCOMPARE(skipsIn(traceIn(run.errors)), expected);
+}
+
+// Another device than a terminal is told by what it says.
+void TraceTest::bytesThatMakeNoPacketAreShown_data()
+{
+    QTest::addColumn<QByteArray>("said");
+    QTest::addColumn<QByteArrayList>("shown");
+    const QByteArray left = "no packet yet in 7 B: 6c 6f 67 69 6e 3a 20";
+    QTest::newRow("a prompt") << QByteArray("login: ") << QByteArrayList{left, left};
+    const QByteArray begun = packets::software_answer.first(20);
+    const QByteArray half = "no packet yet in 20 B: " + begun.toHex(' ');
+    QTest::newRow("half a packet") << begun << QByteArrayList{half, half};
+    const QByteArray dots(100, '.');
+    QTest::newRow("a long line") << dots
+                                 << QByteArrayList{"skipped 100 B: no magic: " + dots.first(64).toHex(' ') + " ..."};
+}
+
+void TraceTest::bytesThatMakeNoPacketAreShown()
+{
+    QFETCH(QByteArray, said);
+    QFETCH(QByteArrayList, shown);
+    PlainTerminal terminal;
+    Tool tool(argumentsOn(terminal.port()), traced);
+    answer(terminal, {said});
+    const Run run = tool.finish();
+    QCOMPARE(run.code, 255);
+    QByteArrayList trace = wireIn(run.errors).mid(2); // behind the opening and the request
+    trace.removeOne("no answer to ?V in time");
+    trace.removeLast(); // the closing
+    QCOMPARE(trace, shown);
+}
+
+void TraceTest::theBeginningTellsWhatRunsWhere()
+{
+    const SimulatedTerminal terminal;
+    const QByteArrayList trace = traceIn(Tool(argumentsOn(terminal.port()), traced).finish().errors);
+    const QRegularExpression first(QStringLiteral("^JVX file loader 0\\.0\\.8, \\S.*, Qt %1, \\d{4}-\\d\\d-\\d\\d$")
+                                       .arg(QRegularExpression::escape(QLatin1String(qVersion()))));
+    QVERIFY2(first.match(QString::fromUtf8(trace.value(0))).hasMatch(), trace.value(0).constData());
+    QVERIFY(trace.contains("port " + terminal.port().toLocal8Bit() + " taken: it is named"));
+}
+
+void TraceTest::thePortsThatAreThereAreShown_data()
+{
+    QTest::addColumn<int>("terminals");
+    QTest::addColumn<QByteArray>("choice");
+    QTest::newRow("none") << 0 << QByteArray("no port taken: none is 03eb:6124");
+    QTest::newRow("one") << 1 << "port " + portName(1).toLocal8Bit() + " taken: the only 03eb:6124";
+    QTest::newRow("two") << 2 << QByteArray("no port taken: several are 03eb:6124, and nobody can be asked");
+}
+
+void TraceTest::thePortsThatAreThereAreShown()
+{
+    QFETCH(int, terminals);
+    QFETCH(QByteArray, choice);
+    QList<FakedPort> ports{{0, "1-1", "0403", "6001"}};
+    for (int number = 1; number <= terminals; ++number)
+        ports += terminalPort(number, number == 1 ? "1-2" : "1-3");
+    const Testbed testbed(ports);
+    const QByteArrayList trace = traceIn(testbed.start({}, traced).finish().errors);
+    const auto seen = [&](int number, const char *identifiers) {
+        const QByteArray line = "port " + portName(number).toLocal8Bit() + " seen: " + identifiers;
+        return std::any_of(trace.cbegin(), trace.cend(), [&](const QByteArray &text) { return text.startsWith(line); });
+    };
+    QVERIFY(seen(0, "0403:6001"));
+    for (int number = 1; number <= terminals; ++number)
+        QVERIFY(seen(number, "03eb:6124"));
+    QVERIFY2(trace.contains(choice), trace.join('\n').constData());
 }
 
 void TraceTest::anAnswerTimeThatRunsOutIsShown()

@@ -1,9 +1,8 @@
 #include "jvxb/framing.h"
 
-#include "jvxb/trace.h"
-
 #include <functional>
 #include <numeric>
+#include <utility>
 
 namespace jvxb {
 
@@ -28,17 +27,19 @@ QByteArray packet(const QByteArray &body)
     return bytes.append(body);
 }
 
+ReceiveBuffer::ReceiveBuffer(Reporter report)
+    : _report(std::move(report))
+{
+}
+
 void ReceiveBuffer::append(QByteArrayView bytes)
 {
     _bytes.append(bytes);
-    const qsizetype known = _sums.size();
-    _sums.resize(known + bytes.size());
-    std::inclusive_scan(bytes.begin(), bytes.end(), _sums.begin() + known, std::bit_xor<>(), _sums[known - 1]);
 }
 
 void ReceiveBuffer::clear()
 {
-    drop(_bytes.size());
+    _bytes.clear();
 }
 
 std::optional<QByteArray> ReceiveBuffer::takeBody()
@@ -71,15 +72,15 @@ ReceiveBuffer::Front ReceiveBuffer::front() const
         return Front::Incomplete;
     if (!_bytes.startsWith(header::magic))
         return Front::NoMagic;
-    if (checksum(0, header::checksum.offset) != header::checksum.of(_bytes))
+    const QByteArrayView bytes(_bytes);
+    if (exclusiveOr(bytes.first(header::checksum.offset)) != header::checksum.of(bytes))
         return Front::WrongHeaderChecksum;
-    const quint16 body_length = header::body_length.of(_bytes);
+    const quint16 body_length = header::body_length.of(bytes);
     if (body_length < header::min_body_length)
         return Front::ShortBody;
-    const qsizetype end = header::size + body_length;
-    if (_bytes.size() < end)
+    if (bytes.size() < header::size + body_length)
         return Front::Incomplete;
-    if (checksum(header::size, end) != header::body_checksum.of(_bytes))
+    if (exclusiveOr(bytes.sliced(header::size, body_length)) != header::body_checksum.of(bytes))
         return Front::WrongBodyChecksum;
     return Front::Packet;
 }
@@ -91,29 +92,18 @@ qsizetype ReceiveBuffer::sizeBeforeMagic() const
     return position < 0 ? _bytes.size() : position;
 }
 
-quint8 ReceiveBuffer::checksum(qsizetype begin, qsizetype end) const
-{
-    return static_cast<quint8>(_sums[begin] ^ _sums[end]);
-}
-
 QByteArray ReceiveBuffer::takeFrontBody()
 {
     const quint16 length = header::body_length.of(_bytes);
     QByteArray body = _bytes.sliced(header::size, length);
-    drop(header::size + length);
+    _bytes.remove(0, header::size + length);
     return body;
 }
 
 void ReceiveBuffer::skip(qsizetype count, const char *reason)
 {
-    trace::skipped(count, reason);
-    drop(count);
-}
-
-void ReceiveBuffer::drop(qsizetype count)
-{
+    _report(QByteArrayView(_bytes).first(count), reason);
     _bytes.remove(0, count);
-    _sums.remove(0, count);
 }
 
 } // namespace jvxb

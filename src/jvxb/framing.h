@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QByteArrayView>
 
+#include <functional>
 #include <optional>
 
 /// Packets in a stream of bytes: a header, then a body.
@@ -30,21 +31,27 @@ QByteArray packet(const QByteArray &body);
 
 /// Received bytes that are not consumed yet, and the search for packets in them.
 ///
-/// Beside each byte stands the XOR of all bytes before it, so that the checksum of any run of bytes is one operation,
-/// however many headers claim the same bytes as their body. The work would be linear in the length of the stream
-/// without that too, because a body is bounded, but some 13 times as much on a stream made of such headers. It also
-/// relies on the byte array's removal at the front, which moves no bytes.
+/// The work is linear in the length of the stream, because each header is looked at once and a body is bounded, and
+/// because the byte array removes bytes at its front without moving the others.
 class ReceiveBuffer {
 public:
+    /// Is told which bytes are skipped, and why: "no magic", "header checksum", "body length" or "body checksum".
+    using Reporter = std::function<void(QByteArrayView skipped, const char *reason)>;
+
+    explicit ReceiveBuffer(Reporter report = [](QByteArrayView, const char *) {});
+
     /// Appends \a bytes as they came from the port, any number of them.
     void append(QByteArrayView bytes);
 
     /// Forgets all bytes.
     void clear();
 
+    /// The bytes that wait for more of their packet.
+    [[nodiscard]] QByteArrayView bytes() const { return _bytes; }
+
     /// Takes the next body with valid checksums out of the buffer, with all bytes before it; nothing if none is
     /// complete yet. Skipped on the way:
-    ///  - bytes without a magic; a magic that is cut by the end of the bytes goes with them, once 16 bytes are there;
+    ///  - bytes without a magic; a partial magic at the end is dropped with them once 16 bytes are buffered;
     ///  - of a corrupt header (checksum, or a body length below 3) the magic, so that the search goes on behind it;
     ///  - of a packet with a corrupt body the header, so that the search goes on inside the body.
     std::optional<QByteArray> takeBody();
@@ -62,13 +69,11 @@ private:
 
     [[nodiscard]] Front front() const;
     [[nodiscard]] qsizetype sizeBeforeMagic() const;
-    [[nodiscard]] quint8 checksum(qsizetype begin, qsizetype end) const;
     QByteArray takeFrontBody();
     void skip(qsizetype count, const char *reason);
-    void drop(qsizetype count);
 
     QByteArray _bytes;
-    QByteArray _sums = QByteArray(1, '\0'); ///< element i: XOR of all bytes before _bytes[i]; one more than _bytes
+    const Reporter _report;
 };
 
 } // namespace jvxb

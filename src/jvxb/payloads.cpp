@@ -190,7 +190,7 @@ std::optional<SerialNumberAnswer> SerialNumberAnswer::parse(QByteArrayView paylo
 std::optional<ReadFileAnswer> ReadFileAnswer::parse(QByteArrayView payload)
 {
     std::optional<ReadFileAnswer> answer = pieceAnswer<ReadFileAnswer>(payload);
-    // A success may end before these two; that counts only once the file is known to be the right one.
+    // These two may be missing; the caller reports it only if the kind of file matches.
     if (answer && answer->isSuccess() && payload.size() >= read_answer::piece_offset + answer->length) {
         answer->full_size = read_answer::full_size.of(payload);
         answer->piece = payload.sliced(read_answer::piece_offset, answer->length).toByteArray();
