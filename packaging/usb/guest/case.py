@@ -30,7 +30,10 @@ def table(pattern, rows):
         group = function.__module__.split(".")[-1].replace("_", "-")
         for row in rows:
             arguments = row if isinstance(row, tuple) else (row,)
-            listed.append(Listed(group, pattern.format(*arguments), function, arguments))
+            name = pattern.format(*arguments)
+            if any(other.name == name for other in listed):
+                raise ValueError("two cases named " + name)
+            listed.append(Listed(group, name, function, arguments))
         return function
     return list_them
 
@@ -177,10 +180,11 @@ class Case:
 
     @staticmethod
     def _is_within_a_run(terminal, when):
-        """Whether a request was taken since DTR rose. The fault itself shows when the bytes behind it are looked at, as
-        late as the first request."""
-        opened = [time for time, what, detail in terminal.events if (what, detail) == ("DTR", "up") and time < when]
-        return any(max(opened, default=0) < time < when for time, _ in terminal.requests)
+        """Whether DTR was up and a request had been taken since it rose. The fault itself shows when the bytes behind
+        it are looked at, as late as the first request; the first of the echo comes before DTR rises."""
+        changes = [(time, detail) for time, what, detail in terminal.events if what == "DTR" and time < when]
+        changed, state = max(changes, default=(0, "down"))
+        return state == "up" and any(changed < time < when for time, _ in terminal.requests)
 
     def expect_ends_after_its_error(self, run):
         """The process ends within a second of the line that says why, which it prints once."""
