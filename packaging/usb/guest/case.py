@@ -4,7 +4,6 @@ import os
 import subprocess
 import time
 
-import tool
 from terminal import IMEI, Terminal
 from tool import Run
 from usbserial import now
@@ -19,7 +18,7 @@ Listed = collections.namedtuple("Listed", "group name function arguments")
 listed = []
 
 
-def case(name):
+def named(name):
     """Lists a function as the case of this name."""
     return table(name, [()])
 
@@ -194,8 +193,3 @@ class Case:
 
     def expect_no_locks(self):
         self.expect("locks that are left", locks(), [])
-
-
-def traced(case, *options):
-    """A run with the trace of the wire on standard error."""
-    return case.run(*options, environment=tool.TRACE)

@@ -1,9 +1,9 @@
 """Opening: how the port is named and found, and the line that says that somebody listens."""
-from case import ACM0, BY_PATH, by_id, case, table
+from case import ACM0, BY_PATH, by_id, named, table
 from terminal import Terminal
 
 
-@case("no-terminal")
+@named("no-terminal")
 def no_terminal(case):
     run = case.run()
     case.expect_code(run, 153)
@@ -20,14 +20,14 @@ def identification(case, _, port=None):
     case.expect_no_locks()
 
 
-@case("identification-high-speed")
+@named("identification-high-speed")
 def high_speed(case):
     terminal = case.plug(Terminal(high_speed=True))
     case.expect_identified(case.run())
     case.expect_no_faults(terminal)
 
 
-@case("dtr-is-up-before-the-first-request")
+@named("dtr-is-up-before-the-first-request")
 def dtr(case):
     terminal = case.plug()
     case.expect_identified(case.run())
@@ -36,7 +36,7 @@ def dtr(case):
     case.expect("last event", seen[-1], ("DTR", "down"))
 
 
-@case("mute-until-dtr")
+@named("mute-until-dtr")
 def mute_until_dtr(case):
     case.plug(Terminal(mute_until_dtr=True))
     case.expect_identified(case.run())

@@ -1,5 +1,5 @@
 """Restarts: a write with an apply, after which the terminal leaves the bus and comes back."""
-from case import PATTERN, case, table, write_file
+from case import PATTERN, named, table, write_file
 from terminal import Terminal, records
 from usbserial import later
 
@@ -27,14 +27,14 @@ def restart(case, leaves, away):
     case.expect_no_faults(terminal)
 
 
-@case("restart-later-than-allowed")
+@named("restart-later-than-allowed")
 def restart_later(case):
     """The tool goes on with the port that is about to go, and is done before it goes."""
     terminal = Terminal(restart=(7, 3))
     expect_back(case, terminal, apply(case, terminal))
 
 
-@case("restart-for-too-long")
+@named("restart-for-too-long")
 def restart_for_too_long(case):
     run = apply(case, Terminal(restart=(0.05, 80)))
     case.expect_code(run, 144)
@@ -57,7 +57,7 @@ def firmware_leaves_early(case, leaves):
     case.expect_ends_after_its_error(run)
 
 
-@case("restart-with-boot-log")
+@named("restart-with-boot-log")
 def boot_log(case):
     """Sends 1830 bytes of log as soon as it is back, before the port is opened."""
     terminal = Terminal(restart=(0.05, 3), boot_text_after=records(40))
@@ -65,13 +65,13 @@ def boot_log(case):
     case.expect_echo_at_most(terminal)
 
 
-@case("restart-listens-0.3-s-late")
+@named("restart-listens-0.3-s-late")
 def listens_late(case):
     terminal = Terminal(restart=(0.05, 6), deaf_after=0.3)
     expect_back(case, terminal, apply(case, terminal))
 
 
-@case("restart-listens-2-s-late")
+@named("restart-listens-2-s-late")
 def listens_too_late(case):
     """The file was applied all the same."""
     terminal = Terminal(restart=(0.05, 6), deaf_after=2)
@@ -84,7 +84,7 @@ def listens_too_late(case):
         case.expect_ends_after_its_error(run)
 
 
-@case("restart-by-hand")
+@named("restart-by-hand")
 def by_hand(case):
     """Unplugged and plugged in again 20 s after the apply."""
     terminal = case.plug(Terminal(restart=(LONG, LONG)))

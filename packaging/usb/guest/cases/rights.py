@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 import time
 
-from case import ACM0, PATTERN, case, settle, shell, table, write_file
+from case import ACM0, PATTERN, named, settle, shell, table, write_file
 from terminal import Terminal
 
 RULE = "/usr/lib/udev/rules.d/70-jvx-loader.rules"
@@ -59,7 +59,7 @@ def without_the_package():
         shell("dpkg --install " + PACKAGE)
 
 
-@case("users-without-the-rule")
+@named("users-without-the-rule")
 def users_without_the_rule(case):
     with without_the_rule():
         case.plug()
@@ -67,7 +67,7 @@ def users_without_the_rule(case):
         expect_codes(case, [151, 0, 151])
 
 
-@case("users-with-the-rule")
+@named("users-with-the-rule")
 def users_with_the_rule(case):
     case.plug()
     case.expect("access", owner(), ("dialout", "0o660", ["tech"]))
@@ -75,7 +75,7 @@ def users_with_the_rule(case):
     expect_codes(case, [0, 0, 151])
 
 
-@case("package-installed-while-plugged-in")
+@named("package-installed-while-plugged-in")
 def installed_while_plugged_in(case):
     with without_the_package():
         case.plug()
@@ -86,7 +86,7 @@ def installed_while_plugged_in(case):
     expect_codes(case, [0, 0, 151])
 
 
-@case("package-removed")
+@named("package-removed")
 def removed(case):
     with without_the_package():
         case.plug()

@@ -2,7 +2,7 @@
 import contextlib
 import os
 
-from case import ACM0, ACM1, ACM2, PATTERN, by_id, case, ports, table, write_file
+from case import ACM0, ACM1, ACM2, PATTERN, by_id, named, ports, table, write_file
 from terminal import Terminal
 
 IMEI_B = "350000000000025"
@@ -17,7 +17,7 @@ def written_file():
     return write_file("written.bin", PATTERN[:100000])
 
 
-@case("two-terminals-and-no-display")
+@named("two-terminals-and-no-display")
 def no_display(case):
     plug_two(case)
     run = case.run()
@@ -25,7 +25,7 @@ def no_display(case):
     case.expect_text("output", run.output, "Select device serial port: ttyACM0, ttyACM1")
 
 
-@case("two-terminals-by-id")
+@named("two-terminals-by-id")
 def each_by_id(case):
     first, second = plug_two(case)
     for terminal in (first, second):
@@ -34,7 +34,7 @@ def each_by_id(case):
         case.expect_text("output", run.output, terminal.imei)
 
 
-@case("two-restarts-at-once-by-id")
+@named("two-restarts-at-once-by-id")
 def both_restart(case):
     terminals = plug_two(case, restart=(0.05, 4))
     path = written_file()
@@ -45,7 +45,7 @@ def both_restart(case):
         case.expect("kinds applied", terminal.applied, [0])
 
 
-@case("two-restarts-at-once-by-plain-names")
+@named("two-restarts-at-once-by-plain-names")
 def names_are_swapped(case):
     """The terminal of the second run is back first, as ttyACM0."""
     terminals = plug_two(case)
@@ -61,7 +61,7 @@ def names_are_swapped(case):
                       reason="terminals that restart together swap their plain names")
 
 
-@case("other-devices-are-left-alone")
+@named("other-devices-are-left-alone")
 def other_devices(case):
     """One has another vendor, one another product."""
     others = (case.plug(Terminal(serial="X1", vendor=0x1234, maker="Other", name="Modem")),

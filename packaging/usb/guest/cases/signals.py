@@ -2,7 +2,7 @@
 import signal
 import time
 
-from case import ACM0, PATTERN, by_id, case, locks, read_file, table, wait_until, write_file
+from case import ACM0, PATTERN, by_id, locks, named, read_file, table, wait_until, write_file
 from terminal import Terminal
 
 OLD = b"what was there before"
@@ -67,7 +67,7 @@ def second_run(case, _, port, text):
     expect_goes_on(case, monitor)
 
 
-@case("second-run-of-root-by-id")
+@named("second-run-of-root-by-id")
 def second_run_of_root(case):
     case.plug(Terminal(log_rate=10))
     monitor = watched(case, None)
@@ -78,7 +78,7 @@ def second_run_of_root(case):
     expect_goes_on(case, monitor)
 
 
-@case("lock-of-an-interrupted-run-of-root")
+@named("lock-of-an-interrupted-run-of-root")
 def lock_of_root(case):
     """Root's next run takes it over."""
     case.plug()

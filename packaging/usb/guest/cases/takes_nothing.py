@@ -2,7 +2,7 @@
 import signal
 import time
 
-from case import PATTERN, case, table, wait_until, write_file
+from case import PATTERN, named, table, wait_until, write_file
 from terminal import Terminal
 from usbserial import later, now
 
@@ -53,7 +53,7 @@ def held_for_too_long(case, seconds):
     case.expect_identified(case.run(), "the run when it takes again")
 
 
-@case("identification-not-taken")
+@named("identification-not-taken")
 def identification_not_taken(case):
     terminal = case.plug()
     terminal.takes_nothing = True
@@ -66,7 +66,7 @@ def identification_not_taken(case):
     case.expect_identified(case.run(), "the run when it takes again")
 
 
-@case("apply-of-firmware-not-taken")
+@named("apply-of-firmware-not-taken")
 def apply_not_taken(case):
     """Reads as a restart without an answer. The port closes without a delay, and opens again."""
     terminal = case.plug(Terminal(handlers=hold_at("FW", 3)))
@@ -93,7 +93,7 @@ def interrupted(case, name):
     case.expect_identified(case.run(), "the next run")
 
 
-@case("write-never-answered")
+@named("write-never-answered")
 def never_answered(case):
     case.plug(Terminal(handlers={"FW": lambda terminal, payload: None}))
     run = case.run("-w", "-f", "settings", write_file("written.bin", PATTERN[:40000]))
@@ -102,7 +102,7 @@ def never_answered(case):
     case.expect_below("seconds", run.seconds, 6.5)
 
 
-@case("first-request-stalls")
+@named("first-request-stalls")
 def stalls(case):
     """The transfer fails, and the driver drops the request without a word: as lost on the line."""
     terminal = case.plug()

@@ -1,15 +1,16 @@
 """The trace of the wire holds what the driver passed on."""
-from case import case, traced, write_file
+from case import named, write_file
 from cases.unplugging import pull_at
 from terminal import Terminal
+from tool import TRACE
 
 CONTENT = b"123456789"
 
 
-@case("trace-of-a-restart")
+@named("trace-of-a-restart")
 def restart(case):
     terminal = case.plug(Terminal(restart=(0.05, 3)))
-    run = traced(case, "-w", "-a", "-f", "keys", write_file("keys.bin", CONTENT))
+    run = case.run("-w", "-a", "-f", "keys", write_file("keys.bin", CONTENT), environment=TRACE)
     case.expect_code(run, 0)
     sent = [line.split(" B: ")[1] for line in run.errors.splitlines() if " sent " in line]
     case.expect("what was traced", b"".join(map(bytes.fromhex, sent)), bytes(terminal.received))
@@ -17,9 +18,9 @@ def restart(case):
     case.expect("closings traced", run.errors.count(" closed"), 2)
 
 
-@case("trace-of-an-unplugged-read")
+@named("trace-of-an-unplugged-read")
 def unplugged(case):
     case.plug(Terminal(files={0: CONTENT * 500}, handlers=pull_at("FR", 3)))
-    run = traced(case, "-r", "-f", "settings", write_file("kept.bin", b""))
+    run = case.run("-r", "-f", "settings", write_file("kept.bin", b""), environment=TRACE)
     case.expect_code(run, 146)
     case.expect("pieces asked for", run.errors.count(" sent !FR"), 3)

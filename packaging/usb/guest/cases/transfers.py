@@ -2,7 +2,7 @@
 import signal
 import time
 
-from case import PATTERN, case, read_file, table, write_file
+from case import PATTERN, named, read_file, table, write_file
 from terminal import Terminal
 
 SETTINGS = 0
@@ -49,7 +49,7 @@ def write(case, kind):
     case.remark("%.0f KiB/s" % (len(content) / 1024 / run.seconds))
 
 
-@case("monitor-30-s")
+@named("monitor-30-s")
 def monitor(case):
     case.plug(Terminal(log_rate=2))
     run = case.start("-m")

@@ -1,5 +1,5 @@
 """The cable is pulled, in every phase of a run."""
-from case import PATTERN, case, read_file, table, write_file
+from case import PATTERN, named, read_file, table, write_file
 from terminal import Terminal
 from usbserial import later, now
 
@@ -79,7 +79,7 @@ def unplugged_while_it_waits(case, seconds):
     case.expect_no_locks()
 
 
-@case("unplugged-while-it-takes-nothing")
+@named("unplugged-while-it-takes-nothing")
 def unplugged_while_it_takes_nothing(case):
     terminal = case.plug()
     terminal.takes_nothing = True

@@ -5,7 +5,7 @@ byte a transfer, until the driver has no buffer left for the first request. No r
 import subprocess
 import time
 
-from case import ACM0, case, table
+from case import ACM0, named, table
 from terminal import Terminal, log_record, records
 from usbserial import later
 
@@ -27,7 +27,7 @@ def waiting_records(case, count):
     case.expect_echo_at_most(terminal)
 
 
-@case("waiting-boot-text")
+@named("waiting-boot-text")
 def boot_text(case):
     """A closed port reads nothing and so echoes nothing."""
     terminal = case.plug(Terminal(boot_text=BOOT_TEXT))
@@ -47,7 +47,7 @@ def log_at_closed_port(case, rate):
     case.expect_echo_at_most(terminal)
 
 
-@case("log-goes-on-as-the-run-before-set-it")
+@named("log-goes-on-as-the-run-before-set-it")
 def log_goes_on(case):
     """A terminal that does not look at DTR, with the mask that the tool leaves behind."""
     terminal = case.plug(Terminal(log_rate=1))
@@ -57,7 +57,7 @@ def log_goes_on(case):
     case.expect_echo_at_most(terminal)
 
 
-@case("log-150-per-s")
+@named("log-150-per-s")
 def fast_log(case):
     terminal = case.plug(Terminal(log_rate=150, log_always=True, forgets_with_dtr=True))
     for number in range(6):
@@ -106,7 +106,7 @@ def queued_until_read(case, milliseconds):
     case.expect_echo_at_most(terminal)
 
 
-@case("half-a-record-waits")
+@named("half-a-record-waits")
 def half_a_record(case):
     """The other half was lost when the terminal's memory was full. With 0 milliseconds none of its bytes is a key: a
     checksum of 03 would be Ctrl+C until the port is set up, and drop what came before it."""
@@ -116,7 +116,7 @@ def half_a_record(case):
     case.expect_identified(case.run(), "the next run")
 
 
-@case("echo-switched-off-by-hand")
+@named("echo-switched-off-by-hand")
 def echo_switched_off(case):
     """The setting stays until the terminal is unplugged: the tool restores what it found."""
     terminal = case.plug(Terminal(log_rate=20, log_always=True))
