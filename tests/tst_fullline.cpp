@@ -48,7 +48,9 @@ void FullLineTest::aLineThatIsFullAtTheStartIsWaitedFor()
     Tool tool(argumentsOn(terminal.port()));
     QVERIFY(tool.waitForOutput("Checking device ...\n"));
     QTest::qWait(while_nothing_is_read);
-    QCOMPARE(terminal.take(size), QByteArray(size, PlainTerminal::filling));
+    const QByteArray filling = terminal.take(size);
+    QCOMPARE(filling.size(), size);
+    QCOMPARE(filling.count(PlainTerminal::filling), size);
     answer(terminal, 4);
     QCOMPARE(tool.finish(), exits(0, console::plainIdentificationParts(terminal.port()).join()));
 }

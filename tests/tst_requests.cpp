@@ -3,6 +3,7 @@
 
 #include <QPointer>
 #include <QTest>
+#include <QTimeZone>
 #include <QTimer>
 
 namespace {
@@ -779,7 +780,7 @@ void RequestsTest::aRecordIsReported()
     QCOMPARE(received.size(), 1);
     QCOMPARE(received.first().log, 14);
     QCOMPARE(received.first().type, 3);
-    QCOMPARE(received.first().datetime.toUTC(), QDateTime({2023, 11, 14}, {22, 13, 20, 250}, Qt::UTC));
+    QCOMPARE(received.first().datetime.toUTC(), QDateTime({2023, 11, 14}, {22, 13, 20, 250}, QTimeZone::utc()));
     QCOMPARE(received.first().datetime.timeSpec(), Qt::LocalTime);
     QCOMPARE(received.first().data, QByteArray("up"));
 }

@@ -50,9 +50,13 @@ QString plugIn(const QString &device, const QString &vendor, const QString &prod
                                           "mount -t tmpfs tmpfs /run; mkdir -p /run/udev/rules.d; "
                                           "cp \"$1\" /run/udev/rules.d; "
                                           "exec umockdev-run -d \"$2\" -- udevadm test --action=add \"/sys$3\" 2>&1");
-    const Ended ended = run({QStringLiteral("unshare"), QStringLiteral("--user"), QStringLiteral("--map-root-user"),
-        QStringLiteral("--mount"), QStringLiteral("sh"), QStringLiteral("-c"), script, QStringLiteral("sh"),
-        installation.path(QStringLiteral("lib/udev/rules.d/70-jvx-loader.rules")), ports.fileName(), device});
+    // Root needs no users of its own for that, and may not have them where its system is a folder of another one.
+    const bool is_root = run({QStringLiteral("unshare"), QStringLiteral("--mount"), QStringLiteral("true")}).code == 0;
+    const QStringList users{QStringLiteral("--user"), QStringLiteral("--map-root-user")};
+    const Ended ended = run(QStringList{QStringLiteral("unshare")} + (is_root ? QStringList() : users)
+        + QStringList{QStringLiteral("--mount"), QStringLiteral("sh"), QStringLiteral("-c"), script,
+            QStringLiteral("sh"), installation.path(QStringLiteral("lib/udev/rules.d/70-jvx-loader.rules")),
+            ports.fileName(), device});
     if (ended.code != 0)
         QTest::qFail(
             qPrintable(QStringLiteral("the rule is not taken: ") + ended.output + ended.errors), __FILE__, __LINE__);
