@@ -2,6 +2,7 @@
 #include "simulation.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QSocketNotifier>
 
 #include <array>
@@ -52,6 +53,13 @@ int fail(const QString &why)
     return exit_failed;
 }
 
+/// Tells whoever started the simulator that the port can be opened from now on.
+void announce(const QString &port)
+{
+    std::printf("Serial port ready: %s\n", QFile::encodeName(port).constData());
+    std::fflush(stdout);
+}
+
 void quitFailed(const QString &why)
 {
     QCoreApplication::exit(fail(why));
@@ -72,6 +80,7 @@ int run(const Options &options)
     QObject::connect(&simulation, &Simulation::failed, qApp, quitFailed);
     if (!simulation.start())
         return fail(simulation.errorString());
+    announce(options.link);
     const int status = QCoreApplication::exec();
     simulation.finish();
     if (status != exit_orderly)

@@ -54,6 +54,8 @@ const QList<Group> groups{
             {"name", "text", "Software name.", [](O &o, const V &v) { o.terminal.name = v.text(longest_text); }},
             {"software-version", "text", "Software version.",
                 [](O &o, const V &v) { o.terminal.software_version = v.text(longest_text); }},
+            {"next-version", "text", "Software version after an apply of firmware, by default the same as before.",
+                [](O &o, const V &v) { o.terminal.next_software_version = v.text(longest_text); }},
             {"date", "text", "Software date.", [](O &o, const V &v) { o.terminal.date = v.text(longest_text); }},
             {"language", "text", "Software language.",
                 [](O &o, const V &v) { o.terminal.language = v.text(longest_text); }},
@@ -210,8 +212,9 @@ QString helpOf(const Option &option)
 QString helpText()
 {
     QString text = QStringLiteral("Usage: jvx-simulator --link <path> [options]\n\n"
-                                  "Simulated vehicle telematics terminal on a pseudo-terminal. It runs until it is\n"
-                                  "sent SIGINT, SIGTERM or SIGHUP.\n");
+                                  "Simulated vehicle telematics terminal on a pseudo-terminal. Once it can be\n"
+                                  "opened it says so on standard output. It runs until it is sent SIGINT, SIGTERM\n"
+                                  "or SIGHUP.\n");
     for (const Group &group : groups) {
         text += QStringLiteral("\n%1:\n").arg(latin(group.title));
         for (const Option &option : group.options)

@@ -68,6 +68,7 @@ Terminal::Terminal(TerminalSettings settings, QObject *parent)
     , _transfers(_settings.transfers)
     , _log(_settings.log)
     , _dice(_settings.seed)
+    , _software_version(_settings.software_version)
     , _mask(_settings.mask)
 {
 }
@@ -269,9 +270,10 @@ void Terminal::dropOff()
     Q_EMIT droppedOff();
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): the table of commands holds no const ones
 Reply Terminal::softwareVersion(const QByteArray & /*payload*/)
 {
-    const QStringList fields{{}, _settings.name, _settings.software_version, _settings.date, _settings.language};
+    const QStringList fields{{}, _settings.name, _software_version, _settings.date, _settings.language};
     return {fields.join(QLatin1Char(':')).toUtf8(), {}};
 }
 
@@ -302,7 +304,10 @@ Reply Terminal::applyFile(const QByteArray &payload)
 {
     Reply reply = _transfers.apply(payload);
     const bool is_firmware = static_cast<quint8>(payload.front()) == firmware_kind;
-    if (reply.restarts && is_firmware && _settings.restarts_before_firmware_answer)
+    if (!reply.restarts || !is_firmware)
+        return reply;
+    _software_version = _settings.next_software_version.value_or(_software_version);
+    if (_settings.restarts_before_firmware_answer)
         reply.payload.reset();
     return reply;
 }

@@ -25,6 +25,7 @@ struct DropPoint {
 struct TerminalSettings {
     QString name = QStringLiteral("JVX terminal");
     QString software_version = QStringLiteral("1.4.2");
+    std::optional<QString> next_software_version; ///< after firmware was applied, in place of the same one
     QString date = QStringLiteral("2026-03-01");
     QString language = QStringLiteral("en");
     quint64 bhr = 0x10A2B3C4D5; ///< hardware version word
@@ -125,6 +126,7 @@ private:
     int _packet_count = 0;
     QHash<QByteArray, int> _request_counts;
     QByteArray _stream;
+    QString _software_version;
     quint32 _mask;
     bool _on_bus = true;
     bool _is_applying = false; ///< an apply was accepted, and the terminal is not back yet

@@ -1,6 +1,8 @@
 #include "installation.h"
 #include "localfiles.h"
 
+static const QString loader = QStringLiteral("jvx-loader");
+
 /// The completions, in the shells that they are for.
 class CompletionTest : public QObject {
     Q_OBJECT
@@ -8,7 +10,7 @@ class CompletionTest : public QObject {
 private Q_SLOTS:
     void initTestCase();
 
-    void theOptionsOfTheHelpAreOffered_data() { shells(); }
+    void theOptionsOfTheHelpAreOffered_data();
     void theOptionsOfTheHelpAreOffered();
     void theKindsOfFileOfTheHelpAreOffered_data() { shells(); }
     void theKindsOfFileOfTheHelpAreOffered();
@@ -19,8 +21,9 @@ private Q_SLOTS:
 
 private:
     static void shells();
-    QStringList ofHelp(const QString &pattern) const;
-    QStringList offered(const QString &shell, const QString &words, const QString &begun) const;
+    QStringList ofHelp(const QString &pattern, const QString &program = loader) const;
+    QStringList offered(
+        const QString &shell, const QString &words, const QString &begun, const QString &program = loader) const;
     void write(const QString &name, const QByteArray &content) const;
 
     std::optional<Installation> _installation;
@@ -101,10 +104,10 @@ void CompletionTest::write(const QString &name, const QByteArray &content) const
     files::store(_home.filePath(name), content);
 }
 
-/// What the groups of \a pattern capture in the help, sorted.
-QStringList CompletionTest::ofHelp(const QString &pattern) const
+/// What the groups of \a pattern capture in the help of \a program, sorted.
+QStringList CompletionTest::ofHelp(const QString &pattern, const QString &program) const
 {
-    const QString help = run({_installation->path(QStringLiteral("bin/jvx-loader")), QStringLiteral("--help")},
+    const QString help = run({_installation->path(QStringLiteral("bin/") + program), QStringLiteral("--help")},
         {QStringLiteral("QT_QPA_PLATFORM=minimal")})
                              .output;
     QStringList found;
@@ -117,10 +120,11 @@ QStringList CompletionTest::ofHelp(const QString &pattern) const
     return found;
 }
 
-/// What \a shell offers for the word \a begun that follows \a words of the tool's command line, sorted.
-QStringList CompletionTest::offered(const QString &shell, const QString &words, const QString &begun) const
+/// What \a shell offers for the word \a begun that follows \a words of the command line of \a program, sorted.
+QStringList CompletionTest::offered(
+    const QString &shell, const QString &words, const QString &begun, const QString &program) const
 {
-    QStringList line{QStringLiteral("jvx-loader")};
+    QStringList line{program};
     line += list(words.toLatin1().constData());
     const qsizetype words_before = line.size();
     line += begun;
@@ -145,13 +149,28 @@ QStringList CompletionTest::offered(const QString &shell, const QString &words, 
     return result;
 }
 
+void CompletionTest::theOptionsOfTheHelpAreOffered_data()
+{
+    QTest::addColumn<QString>("shell");
+    QTest::addColumn<QString>("program");
+    QTest::addColumn<QString>("begun");
+    for (const QString &shell : list("bash zsh fish")) {
+        QTest::addRow("jvx-loader in %s", qPrintable(shell)) << shell << loader << QStringLiteral("-");
+        QTest::addRow("jvx-simulator in %s", qPrintable(shell))
+            << shell << QStringLiteral("jvx-simulator") << QStringLiteral("--");
+    }
+}
+
 void CompletionTest::theOptionsOfTheHelpAreOffered()
 {
     QFETCH(QString, shell);
+    QFETCH(QString, program);
+    QFETCH(QString, begun);
     // "  -p, --port <name>  Serial port"
-    const QStringList expected = ofHelp(QStringLiteral("^  (-\\w)?(?:, )?(--[\\w-]+)"));
+    QStringList expected = ofHelp(QStringLiteral("^  (-\\w)?(?:, )?(--[\\w-]+)"), program);
+    expected.removeIf([&](const QString &option) { return !option.startsWith(begun); });
     QVERIFY(expected.size() > 10);
-    QCOMPARE(offered(shell, QString(), QStringLiteral("-")), expected);
+    QCOMPARE(offered(shell, QString(), begun, program), expected);
 }
 
 void CompletionTest::theKindsOfFileOfTheHelpAreOffered()

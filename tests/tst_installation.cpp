@@ -34,14 +34,17 @@ void InstallationTest::everyFileHasItsPlace()
         prefix + QStringLiteral("/bin/jvx-simulator"),
         prefix + QStringLiteral("/lib/udev/rules.d/70-jvx-loader.rules"),
         prefix + QStringLiteral("/share/bash-completion/completions/jvx-loader"),
+        prefix + QStringLiteral("/share/bash-completion/completions/jvx-simulator"),
         doc + QStringLiteral("CHANGELOG.md"),
         doc + QStringLiteral("LICENSE"),
         doc + QStringLiteral("README.md"),
         prefix + QStringLiteral("/share/fish/vendor_completions.d/jvx-loader.fish"),
+        prefix + QStringLiteral("/share/fish/vendor_completions.d/jvx-simulator.fish"),
         prefix + QStringLiteral("/share/man/man1/jvx-loader.1"),
         prefix + QStringLiteral("/share/man/man1/jvx-simulator.1"),
         prefix + QStringLiteral("/share/metainfo/invalid.jvx.jvx_loader.metainfo.xml"),
         prefix + QStringLiteral("/share/zsh/site-functions/_jvx-loader"),
+        prefix + QStringLiteral("/share/zsh/site-functions/_jvx-simulator"),
     };
     QStringList files = Installation(prefix).files();
     files.removeIf([&](const QString &file) { return file.startsWith(doc + QStringLiteral("docs/")); });

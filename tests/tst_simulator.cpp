@@ -124,6 +124,8 @@ private Q_SLOTS:
     void aForeignAnswerComesFirst();
     void aTerminalMayRestartBeforeItAnswersFirmware_data();
     void aTerminalMayRestartBeforeItAnswersFirmware();
+    void firmwareMayBringAnotherVersion_data();
+    void firmwareMayBringAnotherVersion();
     void theLastBytesComeBeforeTheDrop();
 
     void theLogFollowsTheMask();
@@ -384,6 +386,36 @@ void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
     QCOMPARE(bench.complaints(), QStringList{complaint});
 }
 
+void SimulatorTest::firmwareMayBringAnotherVersion_data()
+{
+    QTest::addColumn<quint8>("kind");
+    QTest::addColumn<std::optional<QString>>("next_version");
+    QTest::addColumn<bool>("is_applied");
+    QTest::addColumn<QByteArray>("version");
+    QTest::newRow("firmware") << quint8{1} << std::optional(QStringLiteral("1.5.0")) << true << QByteArray(":1.5.0:");
+    QTest::newRow("firmware, only written")
+        << quint8{1} << std::optional(QStringLiteral("1.5.0")) << false << QByteArray(":1.4.2:");
+    QTest::newRow("keys") << quint8{2} << std::optional(QStringLiteral("1.5.0")) << true << QByteArray(":1.4.2:");
+    QTest::newRow("by default") << quint8{1} << std::optional<QString>() << true << QByteArray(":1.4.2:");
+}
+
+void SimulatorTest::firmwareMayBringAnotherVersion()
+{
+    QFETCH(const quint8, kind);
+    QFETCH(const std::optional<QString>, next_version);
+    QFETCH(const bool, is_applied);
+    QFETCH(const QByteArray, version);
+    TerminalSettings settings;
+    settings.next_software_version = next_version;
+    Bench bench(settings);
+    bench.terminal.receive(forKind(write_keys, kind));
+    if (is_applied)
+        bench.terminal.receive(forKind(apply_keys, kind));
+    bench.terminal.powerUp();
+    bench.terminal.receive(ask_software_version);
+    QVERIFY2(bench.answers().endsWith(version + "2026-03-01:en"), bench.answers().constData());
+}
+
 void SimulatorTest::theLastBytesComeBeforeTheDrop()
 {
     TerminalSettings settings;
@@ -549,13 +581,14 @@ void SimulatorTest::optionsReachTheTerminal()
         QStringLiteral("--status=FR:3=30"), QStringLiteral("--foreign=FU:1"), QStringLiteral("--restart-junk=4a4A"),
         QStringLiteral("--restart-before-answer"), QStringLiteral("--files=/"), QStringLiteral("--mask-reply=0"),
         QStringLiteral("--log-rate=2.5"), QStringLiteral("--log-count=7"), QStringLiteral("--log-start=4294967295"),
-        QStringLiteral("--log-always"), QStringLiteral("--software-version=2"), QStringLiteral("--date=3"),
-        QStringLiteral("--language=4"), QStringLiteral("--imei=5"), QStringLiteral("--until-eof"),
-        QStringLiteral("--record=r")});
+        QStringLiteral("--log-always"), QStringLiteral("--software-version=2"), QStringLiteral("--next-version=3.0"),
+        QStringLiteral("--date=3"), QStringLiteral("--language=4"), QStringLiteral("--imei=5"),
+        QStringLiteral("--until-eof"), QStringLiteral("--record=r")});
     QCOMPARE(options.link, QStringLiteral("port"));
     QCOMPARE(options.record, QStringLiteral("r"));
     QVERIFY(options.until_eof);
     QCOMPARE(options.terminal.software_version, QStringLiteral("2"));
+    QCOMPARE(options.terminal.next_software_version, QStringLiteral("3.0"));
     QCOMPARE(options.terminal.date, QStringLiteral("3"));
     QCOMPARE(options.terminal.language, QStringLiteral("4"));
     QCOMPARE(options.terminal.imei, QStringLiteral("5"));

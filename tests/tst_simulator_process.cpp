@@ -160,8 +160,9 @@ void SimulatorProcessTest::start(const QStringList &arguments)
     _simulator->setChildProcessModifier(endWithTheTest);
     _simulator->start(QStringLiteral(JVX_SIMULATOR),
         QStringList{QStringLiteral("--link"), _link, QStringLiteral("--record"), _record} + arguments);
-    QVERIFY(_simulator->waitForStarted(patience));
-    QTRY_VERIFY_WITH_TIMEOUT(recorded() == "# link up\n", patience);
+    QVERIFY(_simulator->waitForReadyRead(patience));
+    QCOMPARE(_simulator->readAllStandardOutput(), "Serial port ready: " + _link.toLocal8Bit() + '\n');
+    QCOMPARE(recorded(), QByteArray("# link up\n"));
 }
 
 /// Ends the simulator without giving it a chance to clean up, and forgets what it recorded.

@@ -3,7 +3,6 @@
 #include "lifeline.h"
 #include "lock.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTest>
@@ -24,11 +23,7 @@ SimulatedTerminal::SimulatedTerminal(const QStringList &options)
     _process.setChildProcessModifier(endWithTheTest);
     _process.start(QStringLiteral(JVX_SIMULATOR),
         QStringList{QStringLiteral("--link"), port(), QStringLiteral("--record"), recordPath()} + options);
-    QElapsedTimer waiting;
-    waiting.start();
-    while (!isPlugged() && waiting.elapsed() < 10'000 && _process.state() != QProcess::NotRunning)
-        _process.waitForFinished(5); // one that ends at once need not be waited for any longer
-    if (!isPlugged())
+    if (!_process.waitForReadyRead(10'000)) // it says when it is ready
         fail("the simulated terminal did not start");
 }
 
