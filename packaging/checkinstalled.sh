@@ -44,12 +44,13 @@ as_user '. /usr/share/bash-completion/bash_completion; _completion_loader jvx-lo
     COMP_WORDS=(jvx-loader -f fl) COMP_CWORD=2 COMP_LINE="jvx-loader -f fl" COMP_POINT=16; _jvx_loader
     printf "%s\n" "${COMPREPLY[@]}" | tee completions; grep -qx fls-archive completions'
 
-say "Identify, read, write and apply, and watch the log of a simulated terminal"
+say "Identify, read, write and apply, watch the log, and flash safely, all on a simulated terminal"
 as_user 'set -e
     mkdir files
-    jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 & simulator=$!
+    mkfifo ready
+    jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 --next-version 1.5.0 >ready & simulator=$!
     trap "kill $simulator 2>/dev/null || :" EXIT
-    until [ -e terminal ]; do kill -0 $simulator; sleep 0.1; done
+    read -r line <ready
     jvx-loader -p ~/terminal
     printf 123456789 >keys.bin
     jvx-loader -p ~/terminal -w -f keys keys.bin -a
@@ -58,6 +59,11 @@ as_user 'set -e
     rc=0; timeout 3 jvx-loader -p ~/terminal -m >log || rc=$?
     [ $rc = 124 ]
     grep -m 2 "\] #" log
+    head -c 3000 /dev/urandom >new.bin
+    printf old >files/firmware
+    /usr/share/doc/jvx-loader/examples/flash-safely firmware new.bin ~/terminal >flashed
+    tail -n 1 flashed
+    cmp new.bin files/firmware
     kill $simulator
     wait $simulator'
 

@@ -8,7 +8,8 @@ class InstallationTest : public QObject {
 private Q_SLOTS:
     void everyFileHasItsPlace_data();
     void everyFileHasItsPlace();
-    void whatTheReadmeLinksToIsInstalledWithIt();
+    void whatADocumentLinksToIsInstalledWithIt_data();
+    void whatADocumentLinksToIsInstalledWithIt();
     void noFileKnowsTheBuildTree();
     void theExecutablesRun_data();
     void theExecutablesRun();
@@ -55,16 +56,26 @@ void InstallationTest::everyFileHasItsPlace()
     QCOMPARE(files, expected);
 }
 
-void InstallationTest::whatTheReadmeLinksToIsInstalledWithIt()
+void InstallationTest::whatADocumentLinksToIsInstalledWithIt_data()
 {
+    QTest::addColumn<QString>("document");
+    for (const char *name : {"README.md", "docs/architecture.md", "docs/flash-safely.md", "docs/performance.md",
+             "docs/protocol.md", "docs/windows.md"})
+        QTest::newRow(name) << QString::fromLatin1(name);
+}
+
+void InstallationTest::whatADocumentLinksToIsInstalledWithIt()
+{
+    QFETCH(QString, document);
     const Installation installation(QStringLiteral("/usr"));
-    const QString doc = QStringLiteral("share/doc/jvx-loader/");
-    static const QRegularExpression link(QStringLiteral("\\]\\((docs/[^)#]+)"));
-    QRegularExpressionMatchIterator links
-        = link.globalMatch(QString::fromUtf8(files::content(installation.path(doc + QStringLiteral("README.md")))));
-    QVERIFY(links.hasNext());
+    const QString path = installation.path(QStringLiteral("share/doc/jvx-loader/") + document);
+    const QString text = QString::fromUtf8(files::content(path));
+    QVERIFY(text.startsWith(QLatin1Char('#')));
+    static const QRegularExpression link(QStringLiteral("\\]\\(([^)#:]+)"));
+    QRegularExpressionMatchIterator links = link.globalMatch(text);
+    QVERIFY(links.hasNext() || document != QStringLiteral("README.md"));
     while (links.hasNext()) {
-        const QString target = installation.path(doc + links.next().captured(1));
+        const QString target = QFileInfo(path).path() + QLatin1Char('/') + links.next().captured(1);
         QVERIFY2(QFileInfo::exists(target), qPrintable(target));
     }
 }

@@ -7,6 +7,9 @@ set(share ${CPACK_TEMPORARY_DIRECTORY}/usr/share)
 set(doc ${share}/doc/jvx-loader)
 
 file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
+file(READ ${doc}/README.md readme)
+string(REPLACE "(CHANGELOG.md)" "(changelog.gz)" readme "${readme}")
+file(WRITE ${doc}/README.md "${readme}")
 configure_file(${CPACK_JVX_CHANGELOG} ${doc}/changelog.Debian COPYONLY)
 file(GLOB pages ${share}/man/man1/*.1)
 execute_process(
