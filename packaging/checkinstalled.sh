@@ -25,6 +25,7 @@ useradd --create-home --shell /bin/bash tech
 everything >/tmp/before
 
 say "Installing"
+SECONDS=0
 apt-get install --quiet=2 --yes /tmp/jvx-loader.deb >/tmp/apt.log 2>&1 || {
     cat /tmp/apt.log
     exit 1
@@ -32,6 +33,7 @@ apt-get install --quiet=2 --yes /tmp/jvx-loader.deb >/tmp/apt.log 2>&1 || {
 dpkg --verify jvx-loader
 dpkg --listfiles jvx-loader >/tmp/files
 dpkg-query --show jvx-loader
+echo "$SECONDS s"
 
 say "Version"
 as_user 'jvx-loader --version && jvx-simulator --version'
@@ -44,11 +46,11 @@ as_user '. /usr/share/bash-completion/bash_completion; _completion_loader jvx-lo
     COMP_WORDS=(jvx-loader -f fl) COMP_CWORD=2 COMP_LINE="jvx-loader -f fl" COMP_POINT=16; _jvx_loader
     printf "%s\n" "${COMPREPLY[@]}" | tee completions; grep -qx fls-archive completions'
 
-say "Identify, read, write and apply, watch the log, and flash safely, all on a simulated terminal"
+say "Identify, read, write and apply, and watch the log of a simulated terminal"
 as_user 'set -e
     mkdir files
     mkfifo ready
-    jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 --next-version 1.5.0 >ready & simulator=$!
+    jvx-simulator --link ~/terminal --files files --restart 0.5 --log-rate 2 >ready & simulator=$!
     trap "kill $simulator 2>/dev/null || :" EXIT
     read -r line <ready
     jvx-loader -p ~/terminal
@@ -59,11 +61,27 @@ as_user 'set -e
     rc=0; timeout 3 jvx-loader -p ~/terminal -m >log || rc=$?
     [ $rc = 124 ]
     grep -m 2 "\] #" log
+    kill $simulator
+    wait $simulator'
+
+say "The page on how to flash safely, step by step, and with one command"
+as_user 'set -e
+    cd /usr/share/doc/jvx-loader
+    grep -oE "\]\([^)#:]+" README.md | cut -c 3- | xargs ls -d >/dev/null
+    cd ~
     head -c 3000 /dev/urandom >new.bin
-    printf old >files/firmware
-    /usr/share/doc/jvx-loader/examples/flash-safely firmware new.bin ~/terminal >flashed
-    tail -n 1 flashed
-    cmp new.bin files/firmware
+    jvx-simulator --link ~/terminal --next-version 1.5.0 >ready & simulator=$!
+    trap "kill $simulator 2>/dev/null || :" EXIT
+    read -r line <ready
+    sed -n "s/^ *\\$ //p" /usr/share/doc/jvx-loader/docs/flash-safely.md >page
+    sed -i "s,^jvx-loader,& -p $HOME/terminal," page
+    [ "$(wc -l <page)" -eq 8 ]
+    start=$(date +%s)
+    sh -e page >output
+    grep ^Version output | tail -n 1 | grep 1.5.0
+    tr "\r" "\n" <output | grep -c "100% completed (3000/3000)" | grep -x 3
+    /usr/share/doc/jvx-loader/examples/flash-safely settings new.bin ~/terminal | tail -n 1 | grep DONE
+    echo "$(($(date +%s) - start)) s"
     kill $simulator
     wait $simulator'
 
