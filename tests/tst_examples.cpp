@@ -49,7 +49,7 @@ private:
     QString path(const QString &name) const { return _directory->filePath(name); }
     QString own(const QString &shell) const;
     QStringList backups(const QString &shell) const;
-    void standIn(const QByteArray &script) const;
+    QString standIn(const QString &shell, const QByteArray &script) const;
 
     std::unique_ptr<QTemporaryDir> _directory;
 };
@@ -176,13 +176,15 @@ QStringList ExamplesTest::backups(const QString &shell) const
     return QDir(own(shell)).entryList({QStringLiteral("*.bin")}, QDir::Files);
 }
 
-/// Puts a script in the place of the tool, which it finds as $TOOL.
-void ExamplesTest::standIn(const QByteArray &script) const
+/// Puts a script in the place of the tool, which it finds as $TOOL, for runs in \a shell. Returns its folder.
+QString ExamplesTest::standIn(const QString &shell, const QByteArray &script) const
 {
-    QVERIFY(QDir(_directory->path()).mkpath(QStringLiteral("stand-in")));
-    const QString name = path(QStringLiteral("stand-in/jvx-loader"));
+    const QString folder = path(shell + QStringLiteral("-stand-in"));
+    QDir().mkpath(folder);
+    const QString name = folder + QStringLiteral("/jvx-loader");
     files::store(name, "#!/bin/sh\nTOOL=" + Tool::path().toLocal8Bit() + '\n' + script);
-    QVERIFY(QFile::setPermissions(name, QFile::ReadOwner | QFile::ExeOwner));
+    QFile::setPermissions(name, QFile::ReadOwner | QFile::ExeOwner);
+    return folder;
 }
 
 void ExamplesTest::firmwareIsFlashedSafely()
@@ -324,14 +326,17 @@ void ExamplesTest::flashSafelyBelievesWhatTheTerminalSaysNotTheExitCode()
     QFETCH(QByteArray, stand_in);
     QFETCH(int, code);
     QFETCH(QByteArray, result);
+    std::vector<std::unique_ptr<SimulatedTerminal>> terminals;
+    std::vector<std::unique_ptr<Tool>> runs;
     for (const QString &shell : shells) {
-        const SimulatedTerminal terminal(words("--restart 0.3"));
-        standIn("port=" + terminal.port().toLocal8Bit() + '\n' + stand_in);
-        const Run run = start(shell, own(shell),
-            {QStringLiteral("flash-safely"), QStringLiteral("keys"), path(QStringLiteral("new.bin")), terminal.port()},
-            path(QStringLiteral("stand-in")))
-                            ->finish();
-        QVERIFY(QDir(path(QStringLiteral("stand-in"))).removeRecursively());
+        terminals.push_back(std::make_unique<SimulatedTerminal>(words("--restart 0.3")));
+        const QString port = terminals.back()->port();
+        runs.push_back(start(shell, own(shell),
+            {QStringLiteral("flash-safely"), QStringLiteral("keys"), path(QStringLiteral("new.bin")), port},
+            standIn(shell, "port=" + port.toLocal8Bit() + '\n' + stand_in)));
+    }
+    for (const auto &tool : runs) {
+        const Run run = tool->finish();
         QCOMPARE(lastLine(run.output), result);
         QCOMPARE(run, exits(code, run.output));
     }
