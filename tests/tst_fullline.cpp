@@ -43,14 +43,11 @@ double processorTime()
 void FullLineTest::aLineThatIsFullAtTheStartIsWaitedFor()
 {
     PlainTerminal terminal;
-    const qsizetype size = terminal.fill();
-    QVERIFY(size > 0);
+    QVERIFY(terminal.fill() > 0);
     Tool tool(argumentsOn(terminal.port()));
     QVERIFY(tool.waitForOutput("Checking device ...\n"));
     QTest::qWait(while_nothing_is_read);
-    const QByteArray filling = terminal.take(size);
-    QCOMPARE(filling.size(), size);
-    QCOMPARE(filling.count(PlainTerminal::filling), size);
+    terminal.takeFilling();
     answer(terminal, 4);
     QCOMPARE(tool.finish(), exits(0, console::plainIdentificationParts(terminal.port()).join()));
 }

@@ -51,7 +51,8 @@ PlainTerminal::~PlainTerminal()
 
 QByteArray PlainTerminal::request(std::chrono::milliseconds limit)
 {
-    const QByteArray head = take(16, limit);
+    const QByteArray ahead = std::exchange(_ahead, {});
+    const QByteArray head = ahead + take(16 - ahead.size(), limit);
     return head.size() < 16 ? QByteArray() : take(qFromLittleEndian<quint16>(head.constData() + 12), limit);
 }
 
@@ -95,9 +96,16 @@ void PlainTerminal::jam()
 qsizetype PlainTerminal::fill()
 {
     qsizetype count = 0;
-    for (const char byte = filling; ::write(_slave, &byte, 1) == 1;)
+    for (const char byte = '.'; ::write(_slave, &byte, 1) == 1;)
         ++count;
     return count;
+}
+
+void PlainTerminal::takeFilling()
+{
+    do {
+        _ahead = take(1, std::chrono::seconds(10));
+    } while (_ahead == ".");
 }
 
 void PlainTerminal::vanish()

@@ -34,22 +34,23 @@ public:
     /// Stops the line towards the terminal as flow control would: the next request is stuck.
     void jam();
 
-    /// Fills the line towards the terminal, before the next request, with the byte filling. Returns how many there were.
+    /// Fills the line towards the terminal. Returns how many bytes that took.
     qsizetype fill();
 
-    static constexpr char filling = '.';
-
-    /// The next \a count bytes from the line, without a look at what they are; fewer if none comes within \a limit.
-    QByteArray take(qsizetype count, std::chrono::milliseconds limit = std::chrono::seconds(10));
+    /// Takes what fill() has put into the line, or what is left of it: newer versions of the framework empty the line
+    /// when they open the port.
+    void takeFilling();
 
     /// Takes its port away, at once: what was not read by then is lost.
     void vanish();
 
 private:
+    QByteArray take(qsizetype count, std::chrono::milliseconds limit);
     QByteArray pieceAnswer(const QByteArray &request) const;
 
     const QTemporaryDir _directory;
     const QByteArray _file;
     int _master = -1;
     int _slave = -1;
+    QByteArray _ahead; ///< the first byte of the next request, if it was taken already
 };
