@@ -125,9 +125,10 @@ def said(log):
         return file.read()
 
 
-@table("modem-manager-{}-rule-protocol-{}", [("with", 0), ("with", 1), ("without", 0), ("without", 1)])
-def modem_manager_runs(case, rule, protocol):
-    """With the policy of its package it keeps away from an unknown device, whatever the interface says of a modem."""
+@table("modem-manager-{}-rule-protocol-{}", [("with", 0, "blocklisted"), ("with", 1, "blocklisted"),
+                                             ("without", 0, "not AT-capable"), ("without", 1, "forbidden")])
+def modem_manager_runs(case, rule, protocol, reason):
+    """It keeps away from a device that it does not know, and with the rule for the rule's sake."""
     with contextlib.nullcontext() if rule == "with" else without_the_rule(), modem_manager() as log:
         terminal = case.plug(Terminal(protocol=protocol))
         for number in range(8):
@@ -135,6 +136,7 @@ def modem_manager_runs(case, rule, protocol):
             time.sleep(3)
         time.sleep(30)
         case.expect_identified(case.run(user="dial"), "the last run")
-        case.expect_text("ModemManager's log", said(log), "ttyACM0")
+        reasons = [line for line in said(log).splitlines() if "ttyACM0" in line and "port filtered" in line]
+        case.expect_text("what ModemManager says of the port", "".join(reasons), reason)
         case.unplug_all()
     case.expect_no_faults(terminal)
