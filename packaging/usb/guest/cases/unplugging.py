@@ -54,7 +54,7 @@ def unplugged(case, _, key, number, delay, options):
     kept = write_file("kept.bin", OLD)
     terminal = case.plug(Terminal(files={0: PATTERN[:200000]}, handlers=pull_at(key, number, delay), log_rate=20,
                                   restart=(0.05, 4)))
-    run = case.run(*options)
+    run = case.start(*options).wait(timeout=30)
     terminal.restart = None
     case.expect_code(run, 146)
     case.expect_below("seconds from the pull to the end", run.end - terminal.pulled, 1)
