@@ -207,7 +207,7 @@ void TraceTest::thePortsThatAreThereAreShown()
 {
     QFETCH(int, terminals);
     QFETCH(QByteArray, choice);
-    QList<FakedPort> ports{{0, "1-1", "0403", "6001"}};
+    QList<FakedPort> ports{{0, "1-1", "0403", "6001"}, {9, "1-9", nullptr, nullptr}};
     for (int number = 1; number <= terminals; ++number)
         ports += terminalPort(number, number == 1 ? "1-2" : "1-3");
     const Testbed testbed(ports);
@@ -217,6 +217,7 @@ void TraceTest::thePortsThatAreThereAreShown()
         return std::any_of(trace.cbegin(), trace.cend(), [&](const QByteArray &text) { return text.startsWith(line); });
     };
     QVERIFY(seen(0, "0403:6001"));
+    QVERIFY(seen(9, "not on USB"));
     for (int number = 1; number <= terminals; ++number)
         QVERIFY(seen(number, "03eb:6124"));
     QVERIFY2(trace.contains(choice), trace.join('\n').constData());

@@ -44,6 +44,15 @@ QString identifier(quint16 number)
     return QStringLiteral("%1").arg(number, 4, 16, QLatin1Char('0'));
 }
 
+/// What the system knows of \a port.
+QString description(const QSerialPortInfo &port)
+{
+    if (!port.hasVendorIdentifier())
+        return QStringLiteral("not on USB");
+    return QStringLiteral("%1:%2 %3")
+        .arg(identifier(port.vendorIdentifier()), identifier(port.productIdentifier()), port.description());
+}
+
 } // namespace
 
 void began()
@@ -55,9 +64,7 @@ void began()
                                       << ' ' << QSysInfo::currentCpuArchitecture() << ", Qt " << qVersion() << ", "
                                       << QDate::currentDate().toString(Qt::ISODate);
     for (const QSerialPortInfo &port : QSerialPortInfo::availablePorts())
-        qCDebug(wire).noquote().nospace()
-            << now() << "port " << port.portName() << " seen: " << identifier(port.vendorIdentifier()) << ':'
-            << identifier(port.productIdentifier()) << ' ' << port.description();
+        qCDebug(wire).noquote().nospace() << now() << "port " << port.portName() << " seen: " << description(port);
 }
 
 void taken(const QString &name, const char *why)
