@@ -81,12 +81,13 @@ void AudienceTest::aFailureKeepsItsCode_data()
     QTest::newRow("refused") << QStringList{QStringLiteral("-r"), QStringLiteral("x")} << 2;
     QTest::newRow("no such port") << QStringList{QStringLiteral("-p"), QStringLiteral("X")} << 256 - 105;
     QTest::newRow("no path") << QStringList{QStringLiteral("-r")} << 256 - 101;
+    QTest::newRow("no answer, short of the log") << QStringList{QStringLiteral("-m")} << 256 - 1;
 }
 
 void AudienceTest::aFailureKeepsItsCode()
 {
     QFETCH(QStringList, options);
-    FilingTerminal terminal;
+    FilingTerminal terminal(words("--silent LOG"));
     const QStringList port{QStringLiteral("-p"), terminal.port()};
     QFETCH(int, code);
     QCOMPARE(toolRead(QStringLiteral("true"), port + options).finish(), exits(code, {}));

@@ -9,6 +9,7 @@
 #include <QTest>
 
 #include <algorithm>
+#include <csignal>
 
 namespace {
 
@@ -90,6 +91,7 @@ private Q_SLOTS:
     void theSurroundingsMakeNoDifference();
     void aWaylandDisplayThatDoesNotAnswerMakesNoDifference();
     void theFrameworkMayBeDebugged();
+    void theLastWordsOfTheFrameworkPass();
     void aFullDiskBehindTheOutputIsIgnored();
 };
 
@@ -109,7 +111,7 @@ void CommandLineTest::anUnknownKindIsRefused_data()
 {
     commandLineRows({"-f 12", "-f 100", "-f 255", "-f nokey", "-f Settings", "-f unknown", "-f Unknown", "-f ''",
         "-f -1", "-f -0", "-f 0x1", "-f 1.0", "-f 4294967295", "-f 4294967296", "--file=12", "--file=", "--file nokey",
-        "-r file -f 12", "-w file -f nokey", "-a -f 12"});
+        "-r file -f 12", "-w file -f nokey", "-a -f 12", "-f 0 -f nokey"});
 }
 
 void CommandLineTest::anUnknownKindIsRefused()
@@ -121,7 +123,7 @@ void CommandLineTest::anUnknownKindIsRefused()
 void CommandLineTest::aKnownKindPasses_data()
 {
     commandLineRows({"-f 0", "-f 11", "-f 256", "-f 267", "-f settings", "-f user-firmware", "-f road-acc",
-        "--file=epo", "--file 10", "-r file -f 256", "-a -f 1"});
+        "--file=epo", "--file 10", "-r file -f 256", "-a -f 1", "-f nokey -f 0"});
 }
 
 void CommandLineTest::aKnownKindPasses()
@@ -182,7 +184,7 @@ void CommandLineTest::aValidLogMaskPasses()
 void CommandLineTest::aPortThatDoesNotExistIsReported_data()
 {
     QTest::addColumn<QString>("port");
-    for (const char *port : {"", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
+    for (const char *port : {"", " ", "ttyACM%1", "%1%2%3", "no such port", "\xd0\x9f\xd0\xbe\xd1\x80\xd1\x82"})
         QTest::newRow(port) << QString::fromUtf8(port) + no_port;
 }
 
@@ -208,6 +210,7 @@ void CommandLineTest::theFirstFailureDecides_data()
     commandLine("-l xyz -p '' -f nokey -r") << 155 << QByteArray("File name not specified\n");
     commandLine("-l xyz -p '' -f nokey") << 154 << QByteArray("Selected unknown file\n");
     commandLine("-l xyz -p '' -f nokey file -w") << 154 << QByteArray("Selected unknown file\n");
+    commandLine("-f nokey") << 154 << QByteArray("Selected unknown file\n");
     commandLine("-l xyz -p ''") << 153 << QByteArray("Serial port is not selected\n");
     QTest::newRow("-l xyz, no such port") << onNoPort(words("-l xyz")) << 150 << QByteArray("Invalid log mask\n");
     QTest::newRow("-l 4000, no such port") << onNoPort(words("-l 4000")) << 151 << cannot_open;
@@ -369,6 +372,16 @@ void CommandLineTest::theFrameworkMayBeDebugged()
     QCOMPARE(debugged.code, 0);
     QCOMPARE(debugged.output, QByteArray("JVX file loader 0.0.8\n"));
     QVERIFY(debugged.errors.contains("qt.core.plugin"));
+}
+
+// It ends the process where the user has named a platform that is none.
+void CommandLineTest::theLastWordsOfTheFrameworkPass()
+{
+    const QStringList command{QStringLiteral("-c"), QStringLiteral("ulimit -c 0; exec \"$@\""), QStringLiteral("sh")};
+    Tool tool(QStringLiteral("sh"), command + QStringList{Tool::path()}, words("QT_QPA_PLATFORM=nonsense"));
+    const Run result = tool.finish();
+    QVERIFY2(result.errors.contains("no Qt platform plugin could be initialized"), result.errors.constData());
+    QCOMPARE(result, fails(endedBy(SIGABRT), result.errors));
 }
 
 void CommandLineTest::aFullDiskBehindTheOutputIsIgnored()

@@ -1,5 +1,7 @@
 #include "capture.h"
 #include "device.h"
+#include "packets.h"
+#include "plainterminal.h"
 #include "simulatedterminal.h"
 #include "words.h"
 
@@ -8,9 +10,20 @@
 #include <QTest>
 #include <QTimer>
 
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <memory>
+#include <optional>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// What a toggle requests while the log is off.
+const QByteArray request_to_enable = "*!LOG" + packets::number(0x4000, 4);
+
+} // namespace
 
 /// The controller in this process, against the simulated terminal in its own.
 class DeviceTest : public QObject {
@@ -28,8 +41,16 @@ private Q_SLOTS:
     void applyWithoutWriteIsDropped();
     void noOperationStartsWhileThePortIsClosed();
     void closingAClosedPortPrintsNothing();
+    void theNextOperationBeginsAtOnceWhenThePortIsOpen();
     void aFailedReopenIsSilentUnlessItEndsTheRun();
+    void attemptsToReopenAreASecondApart();
+    void theCountdownEndsWithTheDevice();
     void aPortErrorWhileARestartIsExpectedReopensThePortOnce();
+
+    void whatTheLineHasNoRoomForIsWaitedForBeforeTheRestart();
+    void whatTheLineHasNoRoomForIsWaitedForBeforeTheEnd();
+    void whatTheLineHasRoomForAgainIsSentWithoutWaiting();
+    void whatTheLineHasRoomForAgainIsSentBeforeThePortCloses();
 
     void aPortErrorEndsTheRunOnce();
     void theFirstExitCodeStands();
@@ -45,10 +66,14 @@ private Q_SLOTS:
     void aToggleDoesNotDoubleTheMonitor();
     void aToggleWithoutAnswerLeavesTheMaskAlone();
     void theInterruptHandlerTogglesFromTheEventLoop();
+    void anInterruptWithoutADeviceIsIgnored();
 
 private:
     bool start(const QStringList &options = {});
     bool startUnidentified(const QStringList &options = {});
+    void startOnNoPort();
+    void startOn(PlainTerminal &terminal);
+    qsizetype requestOnFullLine(PlainTerminal &terminal);
     void identify();
     void monitor(const QStringList &options = {});
     int requestsWith(const QByteArray &key) const;
@@ -83,6 +108,30 @@ bool DeviceTest::startUnidentified(const QStringList &options)
 {
     return start(options + words("--silent V")) && QTest::qWaitFor([this] { return requestsWith("V") == 1; })
         && disconnect(_protocol, &jvxb::Protocol::softVersionReaded, nullptr, nullptr);
+}
+
+/// Makes the controller one whose port cannot be opened.
+void DeviceTest::startOnNoPort()
+{
+    const Capture console;
+    QVERIFY(!_device->start(QStringLiteral("nosuchport-%1").arg(QCoreApplication::applicationPid())));
+}
+
+/// Starts the controller on \a terminal, which takes the first request and does not answer it.
+void DeviceTest::startOn(PlainTerminal &terminal)
+{
+    QVERIFY(_device->start(terminal.port()));
+    _protocol = _device->findChild<jvxb::Protocol *>();
+    QVERIFY(disconnect(_protocol, &jvxb::Protocol::softVersionReaded, nullptr, nullptr));
+    QCOMPARE(terminal.request(), QByteArray("*?V"));
+}
+
+/// Fills the line to \a terminal and makes the controller request something then. Returns how many bytes fill it.
+qsizetype DeviceTest::requestOnFullLine(PlainTerminal &terminal)
+{
+    const qsizetype size = terminal.fill();
+    _device->toggleLog();
+    return size;
 }
 
 /// Runs the event loop until the terminal is identified.
@@ -200,6 +249,19 @@ void DeviceTest::noOperationStartsWhileThePortIsClosed()
     QTRY_COMPARE(requestsWith("LOG"), 1);
 }
 
+void DeviceTest::theNextOperationBeginsAtOnceWhenThePortIsOpen()
+{
+    _device->logEnable(0x4000);
+    QVERIFY(startUnidentified(words("--silent LOG")));
+    _device->closeSerialPort();
+    QVERIFY(_device->tryOpenSerialPort(true, true, 0));
+    std::optional<bool> has_begun;
+    // However busy the machine is, timers end in the order in which they are due.
+    QTimer::singleShot(100, _protocol, [&] { has_begun = _protocol->findChild<jvxb::Command *>() != nullptr; });
+    QTRY_VERIFY(has_begun);
+    QVERIFY(*has_begun);
+}
+
 void DeviceTest::aFailedReopenIsSilentUnlessItEndsTheRun()
 {
     QVERIFY(start({QStringLiteral("--vanish"), QStringLiteral("V"), QStringLiteral("--no-return")}));
@@ -214,6 +276,27 @@ void DeviceTest::aFailedReopenIsSilentUnlessItEndsTheRun()
     QVERIFY(!_device->tryOpenSerialPort(true, true, -1));
     QCOMPARE(console.flushed(),
         "\r              \nError: Failed to open serial port " + _terminal->port().toLocal8Bit() + ": \n");
+}
+
+void DeviceTest::attemptsToReopenAreASecondApart()
+{
+    startOnNoPort();
+    const Capture console;
+    QVERIFY(!_device->tryOpenSerialPort(false, false, 2));
+    QByteArrayList shown;
+    for (const auto time : {900ms, 1100ms})
+        QTimer::singleShot(time, _device.get(), [&] { shown += console.flushed(); });
+    QTRY_COMPARE(shown, QByteArrayList({"\r2 secs", "\r2 secs\r1 secs"}));
+}
+
+void DeviceTest::theCountdownEndsWithTheDevice()
+{
+    startOnNoPort();
+    const Capture console;
+    QVERIFY(!_device->tryOpenSerialPort(false, false, 2));
+    _device.reset();
+    QTest::qWait(1200);
+    QCOMPARE(console.flushed(), QByteArray("\r2 secs"));
 }
 
 void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
@@ -236,6 +319,52 @@ void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
     QTest::qWait(5500);
     QVERIFY(!console.flushed().contains("secs"));
     QCOMPARE(console.flushed().count("Serial port open"), 1);
+}
+
+void DeviceTest::whatTheLineHasNoRoomForIsWaitedForBeforeTheRestart()
+{
+    PlainTerminal terminal;
+    startOn(terminal);
+    const qsizetype size = requestOnFullLine(terminal);
+    const Capture console;
+    _device->onFileApplied(jvxb::Error::None, File::Settings);
+    QCOMPARE(console.flushed(), QByteArray("Completed\n\n"));
+    // The line takes it while it is waited for: at 100 ms it would be too late.
+    QTimer::singleShot(50ms, _device.get(), [&] { terminal.take(size); });
+    QTRY_VERIFY(console.flushed().endsWith("Waiting device ...\n"));
+    QCOMPARE(terminal.request(), request_to_enable);
+}
+
+void DeviceTest::whatTheLineHasNoRoomForIsWaitedForBeforeTheEnd()
+{
+    PlainTerminal terminal;
+    startOn(terminal);
+    requestOnFullLine(terminal);
+    QElapsedTimer clock;
+    clock.start();
+    QTimer::singleShot(0, _device.get(), [this] { Q_EMIT _protocol->errorOccured(QStringLiteral("gone")); });
+    QCOMPARE(QCoreApplication::exec(), -110);
+    QVERIFY2(clock.elapsed() >= 99, QByteArray::number(clock.elapsed()).constData());
+}
+
+void DeviceTest::whatTheLineHasRoomForAgainIsSentWithoutWaiting()
+{
+    PlainTerminal terminal;
+    startOn(terminal);
+    terminal.take(requestOnFullLine(terminal));
+    const Capture console;
+    _device->onFileApplied(jvxb::Error::None, File::Settings);
+    QVERIFY2(console.flushed().endsWith("Waiting device ...\n"), console.flushed().constData());
+    QCOMPARE(terminal.request(), request_to_enable);
+}
+
+void DeviceTest::whatTheLineHasRoomForAgainIsSentBeforeThePortCloses()
+{
+    PlainTerminal terminal;
+    startOn(terminal);
+    terminal.take(requestOnFullLine(terminal));
+    _device->closeSerialPort();
+    QCOMPARE(terminal.request(), request_to_enable);
 }
 
 void DeviceTest::aPortErrorEndsTheRunOnce()
@@ -404,6 +533,16 @@ void DeviceTest::theInterruptHandlerTogglesFromTheEventLoop()
     QCOMPARE(console.written(), QByteArray());
     QTRY_COMPARE(console.flushed(), QByteArray("Info: log enabled\n"));
     QCOMPARE(requestsWith("LOG"), 1);
+}
+
+void DeviceTest::anInterruptWithoutADeviceIsIgnored()
+{
+    QVERIFY(startUnidentified());
+    _device.reset();
+    const auto requests = _terminal->requests();
+    Device::onSigintSignal(SIGINT);
+    QTest::qWait(200);
+    QCOMPARE(_terminal->requests(), requests);
 }
 
 QTEST_GUILESS_MAIN(DeviceTest)

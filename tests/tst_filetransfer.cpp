@@ -27,6 +27,7 @@ private Q_SLOTS:
     void theAnnouncedSizeDecidesWhenAReadIsOver();
     void piecesLargerThanAskedForAreTaken();
     void readingExcludesWriting();
+    void onlyTheFirstPathCounts();
     void oddPathsComeOutUnchanged_data();
     void oddPathsComeOutUnchanged();
 
@@ -51,6 +52,7 @@ private Q_SLOTS:
 
     void anApplyCarriesTheChecksum();
     void aRefusedApplyEndsTheRun();
+    void anApplyWithoutAnswerEndsTheRun_data();
     void anApplyWithoutAnswerEndsTheRun();
     void aFileWithChecksumZeroIsNotApplied_data();
     void aFileWithChecksumZeroIsNotApplied();
@@ -278,6 +280,23 @@ void FileTransferTest::readingExcludesWriting()
     QCOMPARE(content(terminal.local()), QByteArray("the terminal's"));
     QCOMPARE(content(terminal.settings()), QByteArray("the terminal's"));
     QCOMPARE(terminal.furtherRequests(), 1 + 1);
+}
+
+void FileTransferTest::onlyTheFirstPathCounts()
+{
+    FileTerminal terminal;
+    const QString other = terminal.path(QStringLiteral("other.bin"));
+    store(terminal.local(), "first");
+    store(other, "second");
+    const auto run = [&](const char *options) {
+        return Tool(argumentsOn(terminal.port(), options, terminal.local()) + QStringList{other}).finish();
+    };
+    QCOMPARE(run("-w -f settings"),
+        terminal.ends(0, console::writing(terminal.local(), "settings") + console::progress(5) + console::written()));
+    QCOMPARE(content(terminal.settings()), QByteArray("first"));
+    QCOMPARE(run("-r -f settings"),
+        terminal.ends(0, console::reading("settings") + console::progress(5) + console::saved(terminal.local())));
+    QCOMPARE(content(other), QByteArray("second"));
 }
 
 void FileTransferTest::oddPathsComeOutUnchanged_data()
@@ -551,12 +570,21 @@ void FileTransferTest::aRefusedApplyEndsTheRun()
     QCOMPARE(terminal.furtherRequests(), 1 + 1);
 }
 
+// Only the terminal's own firmware may restart it without an answer.
+void FileTransferTest::anApplyWithoutAnswerEndsTheRun_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    for (const char *kind : {"settings", "fls-firmware", "user-firmware"})
+        QTest::newRow(kind) << QByteArray(kind);
+}
+
 void FileTransferTest::anApplyWithoutAnswerEndsTheRun()
 {
+    QFETCH(QByteArray, kind);
     FileTerminal terminal(words("--silent FU"));
     store(terminal.local(), "new");
-    QCOMPARE(terminal.run("-w -a -f settings"),
-        terminal.ends(timeout, applying(terminal, 3, "settings") + errorLine("Timeout(-1)")));
+    QCOMPARE(terminal.run("-w -a -f " + kind),
+        terminal.ends(timeout, applying(terminal, 3, kind.constData()) + errorLine("Timeout(-1)")));
     QCOMPARE(terminal.furtherRequests(), 1 + 1);
 }
 

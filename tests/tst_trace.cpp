@@ -27,6 +27,7 @@ private Q_SLOTS:
     void anAnswerTimeThatRunsOutIsShown();
     void aPortThatFailsIsShown();
     void theTimesGoOnToTheMicrosecond();
+    void theTimesAreLocal();
 };
 
 namespace {
@@ -259,6 +260,17 @@ void TraceTest::theTimesGoOnToTheMicrosecond()
     if (times.constFirst() < times.constLast()) // no midnight between them
         QVERIFY(std::is_sorted(times.cbegin(), times.cend()));
     QVERIFY(std::any_of(times.cbegin(), times.cend(), [](const QByteArray &time) { return !time.endsWith("000"); }));
+}
+
+void TraceTest::theTimesAreLocal()
+{
+    const auto hourThere
+        = [] { return QDateTime::currentDateTimeUtc().addSecs(10 * 3600).toString(QStringLiteral("hh")).toLatin1(); };
+    const QByteArray before = hourThere();
+    const Run run = Tool(words("-p ''"), traced + words("TZ=JVX-10")).finish();
+    const QByteArray after = hourThere();
+    const QByteArray hour = run.errors.mid(qstrlen("jvx.wire: "), 2);
+    QVERIFY2(hour == before || hour == after, run.errors.constData());
 }
 
 QTEST_GUILESS_MAIN(TraceTest)

@@ -28,6 +28,7 @@ public:
         const QString socket = _directory.filePath(QStringLiteral("compositor"));
         if (!QTest::qWaitFor([&socket] { return QFileInfo::exists(socket); }, 30'000))
             qFatal("weston did not start");
+        QFile::link(socket, _directory.filePath(QStringLiteral("wayland-0")));
     }
 
     ~Compositor()
@@ -40,10 +41,9 @@ public:
     Compositor &operator=(const Compositor &) = delete;
 
     /// What a program needs to find it.
-    QStringList environment() const
-    {
-        return {QStringLiteral("XDG_RUNTIME_DIR=") + _directory.path(), QStringLiteral("WAYLAND_DISPLAY=compositor")};
-    }
+    QStringList environment() const { return directory() + QStringList{QStringLiteral("WAYLAND_DISPLAY=compositor")}; }
+
+    QStringList directory() const { return {QStringLiteral("XDG_RUNTIME_DIR=") + _directory.path()}; }
 
     /// Whether there is a window, which is bright, on the screen, which is dark.
     static bool showsWindow() { return screen().pixelColor(2, 2).lightness() > 200; }
@@ -94,6 +94,8 @@ private Q_SLOTS:
     void thePortIsSelectedInAWindow_data();
     void thePortIsSelectedInAWindow();
     void withoutASelectionNothingStarts();
+    void theDesktopDecidesBetweenItsDisplays_data();
+    void theDesktopDecidesBetweenItsDisplays();
 
 private:
     const Compositor _compositor;
@@ -134,6 +136,33 @@ void WaylandTest::withoutASelectionNothingStarts()
     Tool tool = testbed.start({}, _compositor.environment());
     hit("Escape");
     QCOMPARE(tool.finish(), exits(256 - 103, "Serial port is not selected\n"));
+}
+
+void WaylandTest::theDesktopDecidesBetweenItsDisplays_data()
+{
+    QTest::addColumn<QByteArray>("desktop");
+    QTest::addColumn<QByteArray>("taken");
+    QTest::newRow("any") << QByteArray("WAYLAND_DISPLAY=compositor") << QByteArray("libqwayland-");
+    QTest::newRow("a Wayland session") << QByteArray("XDG_SESSION_TYPE=wayland") << QByteArray("libqwayland-");
+    QTest::newRow("an X session") << QByteArray("XDG_SESSION_TYPE=x11") << QByteArray("libqxcb");
+    QTest::newRow("GNOME") << QByteArray("WAYLAND_DISPLAY=compositor XDG_CURRENT_DESKTOP=ubuntu:GNOME")
+                           << QByteArray("libqxcb");
+    QTest::newRow("KDE") << QByteArray("WAYLAND_DISPLAY=compositor XDG_CURRENT_DESKTOP=KDE")
+                         << QByteArray("libqwayland-");
+}
+
+// The framework tells which plugin it loads; each of the two displays works, so it loads no other one.
+void WaylandTest::theDesktopDecidesBetweenItsDisplays()
+{
+    QFETCH(const QByteArray, desktop);
+    const QStringList environment = _compositor.directory() + words(desktop.constData())
+        + QStringList{QStringLiteral("DISPLAY=") + qEnvironmentVariable("DISPLAY"),
+            QStringLiteral("QT_LOGGING_RULES=qt.core.library=true")};
+    const Run run = Tool(words("--version"), environment).finish();
+    QCOMPARE(run.code, 0);
+    const QByteArray loaded = run.errors.mid(run.errors.indexOf("/platforms/") + qstrlen("/platforms/"));
+    QFETCH(const QByteArray, taken);
+    QVERIFY2(loaded.startsWith(taken), run.errors.constData());
 }
 
 int main(int argc, char *argv[])
