@@ -38,7 +38,6 @@ private Q_SLOTS:
 
     void openingAnOpenPortPrintsAndSchedulesNothing();
     void readingDropsTheWrite();
-    void applyWithoutWriteIsDropped();
     void noOperationStartsWhileThePortIsClosed();
     void closingAClosedPortPrintsNothing();
     void theNextOperationBeginsAtOnceWhenThePortIsOpen();
@@ -58,9 +57,6 @@ private Q_SLOTS:
     void aResultAfterTheEndIsNotPrinted();
     void nothingIsRequestedAfterTheEnd();
 
-    void recordsOfTheTextLogArePrinted_data();
-    void recordsOfTheTextLogArePrinted();
-    void recordsOfOtherLogsAreNotPrinted();
     void theToggleSwitchesTheLogOffAndOn();
     void theToggleGoesByTheMaskThatTheTerminalReported();
     void aToggleDoesNotDoubleTheMonitor();
@@ -217,16 +213,6 @@ void DeviceTest::readingDropsTheWrite()
     QCOMPARE(QCoreApplication::exec(), 0);
     QVERIFY(requestsWith("FR") > 0);
     QCOMPARE(requestsWith("FW"), 0);
-}
-
-void DeviceTest::applyWithoutWriteIsDropped()
-{
-    _device->_apply_file = File::Settings;
-    QVERIFY(start());
-    const Capture console;
-    QCOMPARE(QCoreApplication::exec(), 0);
-    QVERIFY2(!console.written().contains("Apply"), console.written().constData());
-    QCOMPARE(requestsWith("FU"), 0);
 }
 
 void DeviceTest::closingAClosedPortPrintsNothing()
@@ -435,42 +421,6 @@ void DeviceTest::nothingIsRequestedAfterTheEnd()
     Device::onSigintSignal(SIGINT);
     QTest::qWait(200);
     QCOMPARE(_terminal->requests(), requests);
-}
-
-void DeviceTest::recordsOfTheTextLogArePrinted_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<QByteArray>("printed");
-    QTest::newRow("without line end") << 3 << QByteArray("abc") << QByteArray("14:03:27 045 [3] abc\n");
-    QTest::newRow("with line end") << 3 << QByteArray("abc\n") << QByteArray("14:03:27 045 [3] abc\n");
-    QTest::newRow("with carriage return") << 3 << QByteArray("abc\r") << QByteArray("14:03:27 045 [3] abc\r\n");
-    QTest::newRow("two line ends") << 3 << QByteArray("abc\n\n") << QByteArray("14:03:27 045 [3] abc\n\n");
-    QTest::newRow("empty") << 0 << QByteArray() << QByteArray("14:03:27 045 [0] \n");
-    QTest::newRow("line end only") << 255 << QByteArray("\n") << QByteArray("14:03:27 045 [255] \n");
-    QTest::newRow("UTF-8") << 1 << QByteArray("\xE2\x82\xAC %1") << QByteArray("14:03:27 045 [1] \xE2\x82\xAC %1\n");
-    QTest::newRow("not UTF-8") << 1 << QByteArray("\xFF.") << QByteArray("14:03:27 045 [1] \xEF\xBF\xBD.\n");
-}
-
-void DeviceTest::recordsOfTheTextLogArePrinted()
-{
-    QFETCH(int, type);
-    QFETCH(QByteArray, data);
-    QFETCH(QByteArray, printed);
-    const Capture console;
-    const QDateTime time(QDate(2026, 3, 1), QTime(14, 3, 27, 45));
-    _device->onLogReceived(jvxb::Log{14}, static_cast<uint8_t>(type), time, data);
-    QCOMPARE(console.flushed(), printed);
-}
-
-void DeviceTest::recordsOfOtherLogsAreNotPrinted()
-{
-    const Capture console;
-    for (int log = 0; log < 256; ++log) {
-        if (log != 14)
-            _device->onLogReceived(static_cast<jvxb::Log>(log), 1, QDateTime::currentDateTime(), "text");
-    }
-    QCOMPARE(console.written(), QByteArray());
 }
 
 void DeviceTest::theToggleSwitchesTheLogOffAndOn()

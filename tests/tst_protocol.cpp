@@ -89,7 +89,6 @@ private Q_SLOTS:
     // Receiving
     void aPacketMayComeByteByByte();
     void packetsBackToBackAreAllProcessed();
-    void packetsAmongGarbageAreAllProcessed();
     void closingThePortForgetsHalfAPacket();
     void closingThePortEndsNoRequest();
 
@@ -250,17 +249,6 @@ void ProtocolTest::packetsBackToBackAreAllProcessed()
     QCOMPARE(bench.logs, QByteArrayList{"up"});
 }
 
-void ProtocolTest::packetsAmongGarbageAreAllProcessed()
-{
-    ProtocolBench bench;
-    bench.protocol.readSoftVersion();
-    bench.protocol.readSerialNumber();
-    bench.port.deliver("ab@J" + packets::logRecord("1") + "@JV" + packets::software_answer + QByteArray(40, '@')
-        + packets::logRecord("2") + "*#V:A" + packets::serial_number_answer + "@JVX" + packets::logRecord("3"));
-    QCOMPARE(bench.results, (QByteArrayList{software_result, serial_number_result}));
-    QCOMPARE(bench.logs, (QByteArrayList{"1", "2", "3"}));
-}
-
 void ProtocolTest::closingThePortForgetsHalfAPacket()
 {
     ProtocolBench bench;
@@ -272,8 +260,6 @@ void ProtocolTest::closingThePortForgetsHalfAPacket()
     QCOMPARE(bench.results, QByteArrayList{software_result});
 }
 
-// ---- matching answers ---------------------------------------------------------------------------------------------
-
 void ProtocolTest::closingThePortEndsNoRequest()
 {
     ProtocolBench bench;
@@ -283,6 +269,8 @@ void ProtocolTest::closingThePortEndsNoRequest()
     bench.port.deliver(packets::hardware_answer);
     QCOMPARE(bench.results, QByteArrayList{hardware_result});
 }
+
+// ---- matching answers ---------------------------------------------------------------------------------------------
 
 void ProtocolTest::whatIsNoAnswerIsIgnored_data()
 {
