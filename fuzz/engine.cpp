@@ -19,15 +19,15 @@ void dropMessage(QtMsgType /*type*/, const QMessageLogContext & /*context*/, con
     // Writing to a closed port is worth a warning of the framework each time.
 }
 
-/// What happens inside the slot of the next signal. Only the next error of the port ends the oldest request: the signal
-/// of a result belongs to a request that ends by itself.
+/// What the slot of the next signal does besides recording it. EndAtError ends the oldest request, and waits for the
+/// signal of an error of the port: while a result is reported, the oldest request may be the one that just ends.
 struct Reaction {
     enum class Kind { None, Begin, Close, EndAtError };
     Kind kind = Kind::None;
     model::Request request;
 };
 
-/// What \a waits for a signal and is now due, if anything; it waits no more.
+/// Takes the reaction that is due at this signal out of \a waits; gives none if it waits for a signal of another kind.
 Reaction takenFrom(Reaction &waits, bool is_error)
 {
     return waits.kind == Reaction::Kind::EndAtError && !is_error ? Reaction() : std::exchange(waits, {});
@@ -108,7 +108,8 @@ public:
         _model.failNextWrite(QStringLiteral("stuck"));
     }
 
-    /// Whether both have done the same, and are in the same state, since the last time. The event loop turns before.
+    /// Lets the event loop turn, then requires that both have done the same since the last time and are in the same
+    /// state.
     void compare()
     {
         QCoreApplication::sendPostedEvents(&_protocol);
@@ -294,7 +295,7 @@ model::Request takeRequest(Input &input)
     return request;
 }
 
-/// The field that \a usual is, but for one in 8.
+/// The value of a field: mostly \a usual, which is right, but any other in one case of 8.
 quint32 field(Input &input, quint32 usual, int size)
 {
     return input.byte() % 8 != 7 ? usual : input.number(size);

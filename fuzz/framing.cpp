@@ -82,9 +82,9 @@ void step(Bench &bench, Input &input)
     }
 }
 
-/// \a bytes again and again take some hundredths of a second, and longer than the limit if each header costs as much as
-/// the body that it claims. That is a thousand times what another input takes, so only one in so many is tried where
-/// there are very many.
+/// Requires that a long stream, \a bytes repeated, is searched within the limit; it would not be if the work grew with
+/// the square of the length. That takes a thousand times as long as anything else here, so the fuzzer does it for one
+/// input in a thousand, and the replay of the known inputs for all.
 void checkThatWorkIsLinear(const QByteArray &bytes)
 {
     constexpr qsizetype stretched_size = 512 * 1024;
