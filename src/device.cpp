@@ -137,7 +137,7 @@ QString Device::findPort()
 
     const QString prompt = tr("Select device serial port");
     if (platform::canShowWindow()) {
-        const QString selected = StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
+        QString selected = StringListSelectorDialog::select(candidates, prompt, {}, nullptr);
         jvxb::trace::taken(selected, selected.isEmpty() ? "none was selected" : "it was selected");
         return selected;
     }
