@@ -1,6 +1,7 @@
 #include "jvxb/framing.h"
 #include "packets.h"
 #include "slowsearch.h"
+#include "support/sanitizers.h"
 
 #include <QRandomGenerator>
 #include <QTest>
@@ -557,6 +558,8 @@ void FramingTest::nastyStreamsAreDigestedInLinearTime_data()
 // Eight times the bytes may cost eight times the work, and three times that for noise; the square would be 64 times.
 void FramingTest::nastyStreamsAreDigestedInLinearTime()
 {
+    if (is_sanitized)
+        QSKIP("The sanitizer makes the times another ones.");
     QFETCH(QByteArray, unit);
     const QByteArray stream = filledWith(unit, mebibyte / 2);
     const QByteArray eighth = filledWith(unit, mebibyte / 16);
@@ -572,6 +575,8 @@ void FramingTest::nastyStreamsMayComeByteByByte_data()
 
 void FramingTest::nastyStreamsMayComeByteByByte()
 {
+    if (is_sanitized)
+        QSKIP("The sanitizer makes the times another ones.");
     QFETCH(QByteArray, unit);
     const QByteArray stream = unit.repeated(mebibyte / 8 / unit.size() + 1).first(mebibyte / 8);
     const QByteArray eighth = stream.first(stream.size() / 8);
