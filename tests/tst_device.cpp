@@ -44,6 +44,7 @@ private Q_SLOTS:
     void aFailedReopenIsSilentUnlessItEndsTheRun();
     void attemptsToReopenAreASecondApart();
     void theCountdownEndsWithTheDevice();
+    void theReopenEndsWithTheDevice();
     void aPortErrorWhileARestartIsExpectedReopensThePortOnce();
 
     void whatTheLineHasNoRoomForIsWaitedForBeforeTheRestart();
@@ -283,6 +284,18 @@ void DeviceTest::theCountdownEndsWithTheDevice()
     _device.reset();
     QTest::qWait(1200);
     QCOMPARE(console.flushed(), QByteArray("\r2 secs"));
+}
+
+void DeviceTest::theReopenEndsWithTheDevice()
+{
+    PlainTerminal terminal;
+    startOn(terminal);
+    _device->onFileApplied(jvxb::Error::None, File::Settings);
+    _device->onErrorOccured(QStringLiteral("gone")); // the port is opened again in 100 ms
+    _device.reset();
+    const Capture console;
+    QTest::qWait(200);
+    QCOMPARE(console.written(), QByteArray());
 }
 
 void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
