@@ -41,11 +41,13 @@ public:
     /// when they open the port.
     void takeFilling();
 
+    /// The next \a count bytes from the line, without a look at what they are; fewer if none comes within \a limit.
+    QByteArray take(qsizetype count, std::chrono::milliseconds limit = std::chrono::seconds(10));
+
     /// Takes its port away, at once: what was not read by then is lost.
     void vanish();
 
 private:
-    QByteArray take(qsizetype count, std::chrono::milliseconds limit);
     QByteArray pieceAnswer(const QByteArray &request) const;
 
     const QTemporaryDir _directory;
