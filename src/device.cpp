@@ -38,6 +38,7 @@ constexpr qint64 largest_file = std::numeric_limits<int>::max(); // bytes; check
 constexpr jvxb::Log text_log{14};
 constexpr quint32 text_log_mask = 1U << 14U;
 
+constexpr int output_error = 1; // as of any command whose output cannot be written
 constexpr int port_error = -110;
 constexpr int file_error = -111;
 constexpr int reopen_error = -112;
@@ -82,6 +83,15 @@ std::optional<QByteArray> contentOf(QFile &file)
 void printProgress(const QString &completed, int size, int full_size)
 {
     StdOutput(false) << "\r" << percentOf(size, full_size) << completed << size << "/" << full_size << ")";
+}
+
+/// The terminal's line ends stay as they are; only the one that a record lacks is that of the system.
+void printRecord(uint8_t type, const QDateTime &datetime, const QByteArray &data)
+{
+    StdOutput record(!data.endsWith('\n'));
+    record << datetime.toString(QStringLiteral("hh:mm:ss zzz")) << " [" << type << "] ";
+    const platform::UntranslatedOutput untranslated;
+    record << QString::fromUtf8(data);
 }
 
 } // namespace
@@ -457,8 +467,9 @@ void Device::onLogReceived(jvxb::Log log, uint8_t type, const QDateTime &datetim
 {
     if (log != text_log)
         return;
-    StdOutput(!data.endsWith('\n')) << datetime.toString(QStringLiteral("hh:mm:ss zzz")) << " [" << type << "] "
-                                    << QString::fromUtf8(data);
+    printRecord(type, datetime, data);
+    if (output_reader::hasLeft())
+        quit(output_error); // a log that nobody gets would hold the port for ever
 }
 
 void Device::toggleLog()

@@ -26,3 +26,8 @@ void output_reader::endOnBrokenPipe()
     handleBrokenPipe(SIG_DFL);
     std::cout.clear(); // a stream that has failed writes nothing, so SIGPIPE would never come
 }
+
+bool output_reader::hasLeft()
+{
+    return std::cout.fail();
+}

@@ -29,4 +29,15 @@ void watchForHangUp(QSerialPort &port);
 /// a second; the system would wait for half a minute.
 void close(QSerialPort &port);
 
+/// While it lives, standard output gets the bytes that are written as they are. Otherwise a line feed may become the
+/// line end of the system.
+class UntranslatedOutput {
+public:
+    UntranslatedOutput();
+    ~UntranslatedOutput();
+
+    UntranslatedOutput(const UntranslatedOutput &) = delete;
+    UntranslatedOutput &operator=(const UntranslatedOutput &) = delete;
+};
+
 } // namespace platform

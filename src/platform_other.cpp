@@ -124,3 +124,7 @@ void platform::close(QSerialPort &port)
     const Interruption interruption;
     port.close();
 }
+
+/// A line feed is the line end here.
+platform::UntranslatedOutput::UntranslatedOutput() = default;
+platform::UntranslatedOutput::~UntranslatedOutput() = default;

@@ -2,7 +2,22 @@
 
 #include <QSerialPort>
 
+#include <cstdio>
+#include <fcntl.h>
+#include <io.h>
+#include <iostream>
 #include <windows.h>
+
+namespace {
+
+/// \param mode _O_BINARY or _O_TEXT; of what is written from now on, not of what waits in the buffer
+void setOutputMode(int mode)
+{
+    std::cout.flush();
+    _setmode(_fileno(stdout), mode);
+}
+
+} // namespace
 
 /// There always is one, although perhaps on no screen.
 void platform::tolerateMissingDisplay() { }
@@ -34,4 +49,14 @@ void platform::watchForHangUp(QSerialPort & /*port*/) { }
 void platform::close(QSerialPort &port)
 {
     port.close();
+}
+
+platform::UntranslatedOutput::UntranslatedOutput()
+{
+    setOutputMode(_O_BINARY);
+}
+
+platform::UntranslatedOutput::~UntranslatedOutput()
+{
+    setOutputMode(_O_TEXT);
 }

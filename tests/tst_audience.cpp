@@ -19,6 +19,7 @@ private Q_SLOTS:
     void aFailureKeepsItsCode();
     void theLogEndsWithItsReader_data();
     void theLogEndsWithItsReader();
+    void theLogEndsOnAFullDisk();
 };
 
 namespace {
@@ -110,6 +111,18 @@ void AudienceTest::theLogEndsWithItsReader()
     const Run run = toolRead(reader, argumentsOn(terminal.port(), "-m"), words("TZ=UTC0")).finish();
     QFETCH(int, lines);
     QCOMPARE(run, readUpTo(lines, endedBy(SIGPIPE), console::identification(terminal.port()) + record));
+    QVERIFY(terminal.requests().contains(log_mask_request));
+}
+
+void AudienceTest::theLogEndsOnAFullDisk()
+{
+    const QString full = QStringLiteral("/dev/full");
+    if (!QFile::exists(full))
+        QSKIP("No /dev/full here");
+    SimulatedTerminal terminal(words("--log-rate 20"));
+    const QStringList command{QStringLiteral("-c"), QStringLiteral("exec \"$@\" >/dev/full"), QStringLiteral("sh")};
+    Tool tool(QStringLiteral("sh"), command + QStringList{Tool::path()} + argumentsOn(terminal.port(), "-m"), {});
+    QCOMPARE(tool.finish(), exits(1, {}));
     QVERIFY(terminal.requests().contains(log_mask_request));
 }
 
