@@ -116,7 +116,8 @@ private Q_SLOTS:
     void aTimedOutRequestMayBeRepeatedFromItsResult();
     void anAnsweredRequestDoesNotTimeOut();
     void oneTimeoutLeavesTheOthersAlone();
-    void aTransactionOfAnUnknownKeyTimesOutSilently();
+    void aTransactionThatIsNotForItsKeyTimesOutSilently_data();
+    void aTransactionThatIsNotForItsKeyTimesOutSilently();
     void aTimeoutOfNoTransactionChangesNothing();
     void sendingAgainSendsTheSame();
     void sendingAgainBeginsTheTimeAnew();
@@ -201,17 +202,18 @@ void ProtocolTest::onlyFileRequestsNeedATransactionOfTheirOwn_data()
     QTest::addColumn<NewTransaction>("make");
     QTest::addColumn<QByteArrayList>("results");
 
-    const QByteArrayList none;
-    QTest::newRow("V, Command") << QByteArray("V") << &newCommand
-                                << QByteArrayList{"softVersionReaded 0 \"111\" \"\" \"\" \"\""};
-    QTest::newRow("S, FileCommand") << QByteArray("S") << &newFileCommand
-                                    << QByteArrayList{"serialNumberReaded 0 \"111\""};
-    QTest::newRow("LOG, FileCommand") << QByteArray("LOG") << &newFileCommand
-                                      << QByteArrayList{"logEnabled 0 825307450"};
-    for (const char *key : {"FR", "FW", "FU"})
-        QTest::addRow("%s, Command", key) << QByteArray(key) << &newCommand << none;
-    QTest::newRow("FU, FileCommand") << QByteArray("FU") << &newFileCommand << QByteArrayList{"fileApplied 58 10"};
-    QTest::newRow("another key, FileCommand") << QByteArray("KEY") << &newFileCommand << none;
+    const auto row = [](const char *key, NewTransaction make, const QByteArrayList &results) {
+        const char *const name = make == newCommand ? "Command" : "FileCommand";
+        QTest::addRow("%s, %s", key, name) << QByteArray(key) << make << results;
+    };
+    row("V", newCommand, {R"(softVersionReaded 0 "111" "" "" "")"});
+    row("S", newFileCommand, {R"(serialNumberReaded 0 "111")"});
+    row("LOG", newFileCommand, {"logEnabled 0 825307450"});
+    row("FR", newCommand, {});
+    row("FW", newCommand, {});
+    row("FU", newCommand, {});
+    row("FU", newFileCommand, {"fileApplied 58 10"});
+    row("KEY", newFileCommand, {});
 }
 
 // The transactions are of classes that the engine itself does not begin for these keys.
@@ -222,7 +224,9 @@ void ProtocolTest::onlyFileRequestsNeedATransactionOfTheirOwn()
     QFETCH(QByteArrayList, results);
     ProtocolBench bench;
     bench.protocol.begin(make(bench.protocol, key));
-    bench.port.deliver(packets::packet("*@" + key + ":111"));
+    const bool lacks_file = make == newCommand && key.startsWith('F');
+    const QByteArray payload = lacks_file ? '1' + QByteArray(15, '\0') : QByteArray(":111"); // a success; an error
+    bench.port.deliver(packets::packet("*@" + key + payload));
     QCOMPARE(bench.results, results);
     QCOMPARE(bench.pending().size(), 0);
 }
@@ -542,10 +546,19 @@ void ProtocolTest::oneTimeoutLeavesTheOthersAlone()
     QCOMPARE(bench.lastResult(), hardware_result);
 }
 
-void ProtocolTest::aTransactionOfAnUnknownKeyTimesOutSilently()
+void ProtocolTest::aTransactionThatIsNotForItsKeyTimesOutSilently_data()
 {
+    QTest::addColumn<QByteArray>("key");
+    QTest::newRow("an unknown key") << QByteArray("KEY");
+    for (const char *key : {"FR", "FW", "FU"})
+        QTest::addRow("%s, without a file", key) << QByteArray(key);
+}
+
+void ProtocolTest::aTransactionThatIsNotForItsKeyTimesOutSilently()
+{
+    QFETCH(const QByteArray, key);
     ProtocolBench bench;
-    const QPointer<jvxb::Transaction> transaction(new jvxb::Ask("KEY", &bench.protocol, 20));
+    const QPointer<jvxb::Transaction> transaction(new jvxb::Command(key, &bench.protocol, 20));
     bench.protocol.begin(transaction);
     QTRY_VERIFY(!transaction);
     QCOMPARE(bench.results, QByteArrayList{});

@@ -17,6 +17,7 @@ private Q_SLOTS:
     void aRequestThatCouldNotBeSentMayBeEnded_data();
     void aRequestThatCouldNotBeSentMayBeEnded();
     void theAnswerTimeBeginsWhenTheRequestIsSent();
+    void theAnswerTimeOfAFurtherPieceBeginsWhenItsRequestIsSent();
 };
 
 void SendingTest::aRequestIsSentWhenTheCallReturns()
@@ -94,19 +95,54 @@ void stall(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QSt
     QTest::qSleep(700); // longer than the answer time
 }
 
+/// While it lives the trace is on and takes its time, as on a slow disk.
+class SlowTrace {
+public:
+    SlowTrace()
+        : _handler(qInstallMessageHandler(stall))
+    {
+        QLoggingCategory::setFilterRules(QStringLiteral("jvx.wire.debug=true"));
+    }
+
+    ~SlowTrace()
+    {
+        QLoggingCategory::setFilterRules({});
+        qInstallMessageHandler(_handler);
+    }
+
+    SlowTrace(const SlowTrace &) = delete;
+    SlowTrace &operator=(const SlowTrace &) = delete;
+
+private:
+    const QtMessageHandler _handler;
+};
+
 } // namespace
 
 void SendingTest::theAnswerTimeBeginsWhenTheRequestIsSent()
 {
     ProtocolBench bench;
-    QLoggingCategory::setFilterRules(QStringLiteral("jvx.wire.debug=true"));
-    const QtMessageHandler handler = qInstallMessageHandler(stall); // of the trace, as a slow disk would
-    bench.protocol.readSoftVersion();
-    qInstallMessageHandler(handler);
-    QLoggingCategory::setFilterRules({});
+    {
+        const SlowTrace trace;
+        bench.protocol.readSoftVersion();
+    }
     QTest::qWait(50);
     bench.port.deliver(packets::software_answer);
     QCOMPARE(bench.results, QByteArrayList({R"(softVersionReaded 0 "JVX" "1.2" "2024-05-06" "en")"}));
+}
+
+void SendingTest::theAnswerTimeOfAFurtherPieceBeginsWhenItsRequestIsSent()
+{
+    ProtocolBench bench;
+    const PlainTerminal terminal(files::sample(2000));
+    bench.protocol.readFile(File::Settings);
+    {
+        const SlowTrace trace;
+        bench.port.deliver(terminal.answerTo("*!FR" + QByteArray(11, '\0')));
+    }
+    QTest::qWait(50);
+    QCOMPARE(bench.results, QByteArrayList({"fileReadingProgress 0 512 2000"})); // and no time-out
+    QCOMPARE(bench.port.written().size(), 2);
 }
 
 QTEST_GUILESS_MAIN(SendingTest)
