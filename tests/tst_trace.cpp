@@ -33,6 +33,7 @@ private Q_SLOTS:
 namespace {
 
 const QStringList traced{QStringLiteral("QT_LOGGING_RULES=jvx.wire.debug=true")};
+constexpr QByteArrayView category("jvx.wire: "); // in front of each line, and the time behind it
 
 /// The lines of \a errors; of those that belong to the trace, what follows the time.
 QByteArrayList traceIn(const QByteArray &errors)
@@ -244,7 +245,7 @@ void TraceTest::aPortThatFailsIsShown()
     terminal.vanish();
     const Run run = tool.finish();
     QCOMPARE(run.code, 146);
-    const QByteArray reason = run.output.trimmed().split('\n').constLast().mid(qstrlen("Error: "));
+    const QByteArray reason = run.output.trimmed().split('\n').constLast().mid(QByteArrayView("Error: ").size());
     QVERIFY(!reason.isEmpty());
     QVERIFY2(traceIn(run.errors).contains("port error: " + reason), run.errors);
 }
@@ -255,7 +256,7 @@ void TraceTest::theTimesGoOnToTheMicrosecond()
     const Run run = Tool(argumentsOn(terminal.port()), traced).finish();
     QByteArrayList times;
     for (const QByteArray &line : run.errors.trimmed().split('\n'))
-        times += line.mid(qstrlen("jvx.wire: "), qstrlen("hh:mm:ss.zzzzzz"));
+        times += line.mid(category.size(), QByteArrayView("hh:mm:ss.zzzzzz").size());
     QVERIFY(times.size() > 10);
     if (times.constFirst() < times.constLast()) // no midnight between them
         QVERIFY(std::is_sorted(times.cbegin(), times.cend()));
@@ -269,7 +270,7 @@ void TraceTest::theTimesAreLocal()
     const QByteArray before = hourThere();
     const Run run = Tool(words("-p ''"), traced + words("TZ=JVX-10")).finish();
     const QByteArray after = hourThere();
-    const QByteArray hour = run.errors.mid(qstrlen("jvx.wire: "), 2);
+    const QByteArray hour = run.errors.mid(category.size(), 2);
     QVERIFY2(hour == before || hour == after, run.errors.constData());
 }
 

@@ -160,7 +160,8 @@ void WaylandTest::theDesktopDecidesBetweenItsDisplays()
             QStringLiteral("QT_LOGGING_RULES=qt.core.library=true")};
     const Run run = Tool(words("--version"), environment).finish();
     QCOMPARE(run.code, 0);
-    const QByteArray loaded = run.errors.mid(run.errors.indexOf("/platforms/") + qstrlen("/platforms/"));
+    const QByteArrayView folder("/platforms/");
+    const QByteArray loaded = run.errors.mid(run.errors.indexOf(folder) + folder.size());
     QFETCH(const QByteArray, taken);
     QVERIFY2(loaded.startsWith(taken), run.errors.constData());
 }
