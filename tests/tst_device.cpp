@@ -312,7 +312,7 @@ void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
     since_error.start();
     _device->onErrorOccured(QStringLiteral("gone")); // at once instead of after 5 s
     const QByteArray open = "\rSerial port open: " + _terminal->port().toLocal8Bit() + "\n\n";
-    QTRY_COMPARE_WITH_TIMEOUT(console.flushed(), waiting + open, 2000);
+    QVERIFY(QTest::qWaitFor([&] { return console.flushed() == waiting + open; }, 2000));
     QVERIFY(since_error.elapsed() >= 99);
     _device->closeSerialPort();
     QTest::qWait(5500);
