@@ -102,7 +102,6 @@ private Q_SLOTS:
     void aLogRecordIsNoAnswer();
     void aMessageIsNeverAnAnswer();
     void aLogRecordMayComeBetweenTheHalvesOfAnAnswer();
-    void anAnswerToAnUnknownKeyEndsItsTransactionSilently();
     void aResultMaySendTheNextRequest();
     void aResultMaySendManyRequests();
     void anAnswerMayArriveWhileAResultIsReported();
@@ -401,16 +400,6 @@ void ProtocolTest::aLogRecordMayComeBetweenTheHalvesOfAnAnswer()
     bench.port.deliver(packets::software_answer.sliced(20));
     QCOMPARE(bench.results, QByteArrayList{});
     QCOMPARE(bench.logs, QByteArrayList{"up"});
-}
-
-void ProtocolTest::anAnswerToAnUnknownKeyEndsItsTransactionSilently()
-{
-    ProtocolBench bench;
-    const QPointer<jvxb::Transaction> transaction(new jvxb::Ask("KEY", &bench.protocol, 60'000));
-    bench.protocol.begin(transaction);
-    bench.port.deliver(packets::packet("*#KEY1"));
-    QVERIFY(!transaction);
-    QCOMPARE(bench.results, QByteArrayList{});
 }
 
 void ProtocolTest::aResultMaySendTheNextRequest()
