@@ -1,4 +1,4 @@
-// The least client: the requests of one run of the tool, by poll, read and write, without a word.
+// A minimal client: sends the requests of one run of the tool, with poll, read and write, and prints nothing.
 //
 //     client PORT read|write FILE
 
@@ -14,7 +14,7 @@ enum {
     answer_timeout = 5000, // ms
 };
 
-/// Sends \a packet, which the answer to it replaces.
+/// Sends \a packet and replaces it with the answer to it.
 static void exchange(int port, Packet *packet, const char *answer_start)
 {
     sendPacket(port, packet);

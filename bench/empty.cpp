@@ -1,4 +1,4 @@
-// What start and end of a program cost that does nothing but to use the tool's libraries.
+// Uses the tool's libraries and does nothing else, to measure what the start and the end of such a program cost.
 
 #include <QApplication>
 #include <QSerialPort>

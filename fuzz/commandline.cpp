@@ -1,7 +1,7 @@
-// What a user may type: file kinds and log masks, beside a literal reading of what they mean. A whole command line only
-// has to be survived; what it means is for the framework to say.
+// What a user may type: file kinds and log masks, compared with a plain reading of what they mean. A whole command line
+// only has to be survived; the framework takes it apart.
 
-#define main jvxLoaderMain // NOLINT: the functions of main.cpp, without its being a program
+#define main jvxLoaderMain // NOLINT: for the functions of main.cpp, without its main()
 #include "main.cpp"
 #undef main
 

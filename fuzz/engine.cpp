@@ -1,4 +1,4 @@
-// The protocol engine, on a port without a device and beside a model of it: any order of requests, answers, records,
+// The protocol engine, on a port without a device and compared with a model: any order of requests, answers, records,
 // garbage, time-outs, and a port that fails, also while it is written to, closes and opens again.
 
 #include "jvxb.h"
@@ -16,7 +16,7 @@ namespace {
 
 void dropMessage(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QString & /*message*/)
 {
-    // Writing to a closed port is worth a warning of the framework each time.
+    // The framework warns each time that a closed port is written to.
 }
 
 /// What the slot of the next signal does besides recording it. EndAtError ends the oldest request, and waits for the
@@ -130,7 +130,7 @@ public:
         _model.written.clear();
     }
 
-    /// Nothing comes any more.
+    /// Lets all requests that wait time out.
     void finish()
     {
         setReaction({});

@@ -1,4 +1,4 @@
-// The search for packets in any bytes that come in any pieces, beside a search step by step.
+// The search for packets in any bytes that come in any pieces, compared with a search step by step.
 
 #include "jvxb/framing.h"
 #include "slowsearch.h"

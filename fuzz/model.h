@@ -58,7 +58,7 @@ public:
     QByteArrayList events;  ///< signals
     QByteArrayList written; ///< packets
 
-    /// Called after each signal, before anything else is done, with whether it is that of an error of the port.
+    /// Called after each signal, before anything else is done; \a is_error: the signal reports an error of the port.
     std::function<void(bool is_error)> onEvent;
 
     [[nodiscard]] const QList<std::shared_ptr<Request>> &pending() const { return _pending; }
@@ -109,7 +109,7 @@ public:
     /// The next write to the open port takes nothing, which turn() reports with \a text.
     void failNextWrite(const QString &text) { _next_error = text; }
 
-    /// The event loop turns: what failed while it was written is reported.
+    /// A turn of the event loop: reports the errors of writes.
     void turn()
     {
         while (!_unreported.isEmpty())
@@ -170,7 +170,7 @@ private:
             record.sliced(8)));
     }
 
-    /// Whether that was the end of the request.
+    /// Takes the answer to \a request. Returns whether the request is finished.
     bool takeAnswer(Request &request, const QByteArray &payload)
     {
         if (request.key == "V" || request.key == "H" || request.key == "S")

@@ -1,4 +1,4 @@
-// Payloads of answers and messages: any bytes, beside a reading field by field, and what the tool builds itself.
+// Any bytes as payloads of answers and messages, compared with a reading field by field; and the payloads of requests.
 
 #include "jvxb/payloads.h"
 #include "model.h"
@@ -38,7 +38,7 @@ void checkIdentity(View payload)
     require(!serial || serial->sn == text, "a serial number is taken whole");
 }
 
-/// Whether there is an answer, of a success or of an error, and its status is right.
+/// Requires that \a answer is there if \a payload is an error or long enough, and has the right status and file.
 template <typename Answer>
 void checkStatus(const std::optional<Answer> &answer, View payload, qsizetype min_size)
 {

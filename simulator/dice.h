@@ -12,8 +12,8 @@ public:
     {
     }
 
-    /// A number from 0 to \a count - 1, \a count being 1 or more. It is the remainder of a division because
-    /// std::uniform_int_distribution may throw otherwise in every standard library.
+    /// A number from 0 to \a count - 1, \a count being 1 or more. It is the remainder of a division, as the numbers of
+    /// std::uniform_int_distribution differ between standard libraries.
     int below(int count) { return static_cast<int>(_engine() % static_cast<quint32>(count)); }
 
     /// True once in \a count throws on average; never for 0.

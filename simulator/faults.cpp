@@ -9,7 +9,7 @@ using namespace std::chrono_literals;
 namespace {
 
 // A pause lets the reader see each piece on its own, but an answer in very many pieces must not take so long that the
-// other side gives it up: as long as more than these are left, they follow without one.
+// other side gives it up: while more pieces than this are left, they follow without a pause.
 constexpr qsizetype paused_pieces = 100;
 constexpr auto pause_length = 1ms;
 
@@ -42,7 +42,7 @@ void FaultyLine::sendMessage(const QByteArray &bytes)
     write({disturbed(bytes)});
 }
 
-/// The packet with wrong bits and behind garbage, if it has to be.
+/// \a packet with wrong bits and with garbage in front, each where the settings and the dice ask for it.
 QByteArray FaultyLine::disturbed(const QByteArray &packet)
 {
     QByteArray bytes = packet;

@@ -17,7 +17,7 @@ enum Status : quint8 {
     wrong_checksum = 0x05,
 };
 
-// Offsets that the requests have in common or of their own.
+// Offsets of the fields in the payloads of requests; not every request has all of them.
 constexpr qsizetype handle_offset = 1;
 constexpr qsizetype checksum_offset = 5;
 constexpr qsizetype position_offset = 5;

@@ -35,7 +35,7 @@ bool catchSignals()
     action.sa_flags = SA_RESTART;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         ::sigaction(signal, &action, nullptr);
-    // A reader of standard error that went away must not keep the port's name from being removed.
+    // Otherwise a message that nobody reads would end the process before it removes the port's name.
     return std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
 }
 

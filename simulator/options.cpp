@@ -8,7 +8,7 @@ namespace {
 
 // A body is 65535 bytes at most; 65000 leave room for what goes before the data.
 constexpr qsizetype longest_data = 65000;
-constexpr qsizetype longest_text = 1000; // several of them are one answer
+constexpr qsizetype longest_text = 1000; // an answer holds up to four of them
 
 // Garbage much longer than any packet tests nothing more.
 constexpr qsizetype longest_garbage = 65535;
@@ -38,8 +38,8 @@ struct Group {
 using O = Options;
 using V = Value;
 
-/// All options, in the order in which --help lists them. What is given is set in this order too, so that the rate of
-/// the log overrides the one that comes with its texts.
+/// All options, in the order in which --help lists them. They are also applied in this order, so that --log-rate
+/// overrides the rate that --log sets.
 const QList<Group> groups{
     {"Port",
         {
@@ -278,7 +278,7 @@ Options parseOptions(const QStringList &arguments)
     }
     if (options.link.isEmpty())
         throw UsageError(QStringLiteral("option --link is required"));
-    // Otherwise what befalls requests would go along with what befalls the line.
+    // With the same seed the faults of the terminal would coincide with those of the line.
     options.terminal.seed = ~options.faults.seed;
     return options;
 }

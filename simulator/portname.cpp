@@ -79,7 +79,7 @@ bool PortName::openLock()
     return is_held ? refuse(QStringLiteral("'%1' is the port of another simulator that is running").arg(_path)) : false;
 }
 
-/// Whether the file that was locked still bears its name; a process that ends takes it away.
+/// Whether the locked file is still the one at the lock's path: another process may have removed it as it ended.
 bool PortName::isLockCurrent() const
 {
     struct stat locked { };

@@ -158,8 +158,8 @@ void PseudoTerminal::closeDescriptors()
     }
 }
 
-/// Programs have opened or closed the port. If it was closed last, nobody holds it any more, but a claim would live on,
-/// because the slave is open on this side too.
+/// Called when programs have opened or closed the port. If it was closed last, nobody holds it any more; a claim would
+/// live on, because this side has the slave open too, and so is ended here.
 void PseudoTerminal::endClaim() const
 {
     inotify_event event{};

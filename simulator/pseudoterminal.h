@@ -31,7 +31,7 @@ public:
     /// Takes the name away and closes the pseudo-terminal at once; bytes that are still queued are lost.
     void unplug();
 
-    /// Unplugs as soon as the other side has read everything that was sent, or has not for half a second.
+    /// Unplugs as soon as the other side has read everything that was sent, after half a second at the latest.
     void unplugOnceRead();
 
     /// Queues \a bytes for the line. What is sent while received() is handled goes out in one piece. Does nothing while

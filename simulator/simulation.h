@@ -21,7 +21,7 @@ public:
     /// Opens the record and plugs the terminal in. Returns false on failure, errorString() then says why.
     bool start();
 
-    /// Looks for bytes of an incomplete request and unplugs.
+    /// Reports bytes of an incomplete request, and unplugs.
     void finish();
 
     [[nodiscard]] QString errorString() const { return _error_string; }

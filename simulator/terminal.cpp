@@ -247,7 +247,7 @@ quint32 Terminal::effectiveMask() const
     return _mask;
 }
 
-/// A terminal that installs firmware without an answer is deaf for a while before it drops off.
+/// A terminal that installs firmware without an answer answers nothing for a while before it drops off.
 void Terminal::restart(bool has_answered)
 {
     _is_applying = true;

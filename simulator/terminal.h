@@ -65,8 +65,8 @@ public:
     /// Those among them that are about files.
     static QList<QByteArray> fileKeys();
 
-    /// Takes bytes from the line, in pieces of any size. While the terminal is off the bus nobody hears them; behind an
-    /// apply that is accepted there should be none, though, and they are reported as malformed.
+    /// Takes bytes from the line, in pieces of any size. While the terminal is off the bus they are ignored; between an
+    /// accepted apply and the return there should be none, and they are reported as malformed.
     void receive(const QByteArray &bytes);
 
     /// The line is gone or the run ends: reports bytes of a packet that never became complete.

@@ -168,7 +168,7 @@ double Value::fraction(double minimum, double maximum) const
 {
     bool valid = false;
     const double number = _text.toDouble(&valid);
-    if (!valid || !(number >= minimum && number <= maximum)) // also what is no number, "nan"
+    if (!valid || !(number >= minimum && number <= maximum)) // the negation refuses "nan" as well
         throw bad();
     return number;
 }

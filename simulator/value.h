@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::chrono::milliseconds milliseconds() const;
     /// A decimal fraction of seconds, up to a day.
     [[nodiscard]] std::chrono::milliseconds seconds() const;
-    /// Time from one to the next for so many a second; zero for "max".
+    /// The time between two records, from their number per second; zero for "max".
     [[nodiscard]] std::chrono::nanoseconds periodOfRate() const;
 
     /// The key of any request.

@@ -5,7 +5,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-// What users get: the files that are installed, looked at with other people's programs.
+// The installed files, checked with the programs that use them on a user's system.
 
 /// What became of a program that was run to its end.
 struct Ended {
@@ -19,7 +19,7 @@ inline Ended run(QStringList command, const QStringList &variables = {}, const Q
 {
     QProcess process;
     QStringList environment = QProcess::systemEnvironment();
-    environment += variables; // the last one stands
+    environment += variables; // the last value of a variable counts
     process.setEnvironment(environment);
     const QString program = command.takeFirst();
     process.start(program, command);
@@ -35,7 +35,7 @@ inline Ended run(QStringList command, const QStringList &variables = {}, const Q
         QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
 }
 
-/// The build under test, installed below a folder that goes with the object.
+/// The build under test, installed below a folder that is removed with the object.
 class Installation {
 public:
     /// \param prefix absolute folder of the system that is installed for

@@ -7,8 +7,7 @@
 
 #include <csignal>
 
-/// The reader of the tool's output leaves: what is done for the terminal is done to its end all the same, but the log
-/// is not printed to nobody.
+/// The reader of the tool's output goes away: a transfer is finished all the same, but the monitoring of the log ends.
 class AudienceTest : public QObject {
     Q_OBJECT
 
@@ -26,7 +25,7 @@ namespace {
 
 const QByteArray settings = files::sample(100'000);
 
-/// The tool, its output going to \a reader. One that reads nothing has left before the tool starts.
+/// The tool with its output piped to the command \a reader; "true" has ended before the tool starts.
 Tool toolRead(const QString &reader, const QStringList &arguments, const QStringList &environment = {})
 {
     const QString wait = reader == QLatin1String("true") ? QStringLiteral("wait $!; ") : QString();
@@ -35,7 +34,7 @@ Tool toolRead(const QString &reader, const QStringList &arguments, const QString
         QStringList{QStringLiteral("-c"), command, QStringLiteral("bash"), Tool::path()} + arguments, environment};
 }
 
-/// A run that ends with \a code, and whose reader took the first \a lines of \a output along.
+/// A run that ends with \a code, and whose reader passed on the first \a lines of \a output.
 Run readUpTo(int lines, int code, const QByteArray &output)
 {
     qsizetype end = 0;
@@ -70,7 +69,7 @@ void AudienceTest::aTransferOutlivesItsReader()
     QCOMPARE(run, readUpTo(lines, 0, console::identification(terminal.port())));
     QCOMPARE(files::content(own), settings);
     QCOMPARE(files::content(local), settings);
-    // An apply restarts the terminal, which is asked for its log in any case.
+    // Only an apply restarts the terminal; the log mask is set in any case.
     QCOMPARE(terminal.record().count("# unplugged"), options == "-w -a" ? 1 : 0);
     QCOMPARE(terminal.requests().constLast(), log_mask_request);
 }

@@ -40,7 +40,7 @@ void commandLineRows(std::initializer_list<const char *> lines)
         commandLine(line);
 }
 
-/// With a real terminal on this machine a search would find it, and the tool would talk to it.
+/// Whether a real terminal is attached to this machine: a run that names no port would talk to it.
 bool terminalIsConnected()
 {
     const QList<QSerialPortInfo> ports = QSerialPortInfo::availablePorts();
@@ -196,7 +196,7 @@ void CommandLineTest::aPortThatDoesNotExistIsReported()
     QCOMPARE(run({QStringLiteral("--port=") + port}), exits(151, message));
 }
 
-// The same name as in all other messages about the port.
+// Without "/dev/", as in all other messages about the port.
 void CommandLineTest::aDeviceFileIsReportedByThePortsName()
 {
     QCOMPARE(run({QStringLiteral("-p"), QStringLiteral("/dev/") + no_port}), exits(151, cannot_open));
@@ -283,7 +283,7 @@ void CommandLineTest::theHelpHoldsEveryLineInOrder()
 {
     const QString help = QString::fromLocal8Bit(run(words("--help")).output);
     qsizetype from = 0;
-    // The framework breaks a line that is too long, as that of kind 8.
+    // The framework breaks lines that are too long, such as the one of kind 8.
     for (const char *line :
         {"\n  -h, --help ", "\n  -v, --version ", "\n  -f, --file <type>  File type:\n",
             " 0 | settings        Settings\n", " 1 | firmware        Firmware\n", " 2 | keys            Keys\n",
@@ -358,14 +358,14 @@ void CommandLineTest::theSurroundingsMakeNoDifference()
 
 void CommandLineTest::aWaylandDisplayThatDoesNotAnswerMakesNoDifference()
 {
-    const QTemporaryDir directory; // where the socket of a compositor that has crashed still is
+    const QTemporaryDir directory; // with a file like the socket that a crashed compositor leaves
     files::store(directory.filePath(QStringLiteral("left")), {});
     QCOMPARE(run(words("--version"),
                  {QStringLiteral("XDG_RUNTIME_DIR=") + directory.path(), QStringLiteral("WAYLAND_DISPLAY=left")}),
         exits(0, "JVX file loader 0.0.8\n"));
 }
 
-// Remarks of the framework stay away from standard error, but not what somebody asks it for.
+// The framework's warnings do not reach standard error, but the messages that a user asks it for do.
 void CommandLineTest::theFrameworkMayBeDebugged()
 {
     const Run debugged = run(words("--version"), words("QT_DEBUG_PLUGINS=1"));
@@ -374,7 +374,7 @@ void CommandLineTest::theFrameworkMayBeDebugged()
     QVERIFY(debugged.errors.contains("qt.core.plugin"));
 }
 
-// It ends the process where the user has named a platform that is none.
+// The framework aborts the process if the user names a platform that does not exist; its message has to be printed.
 void CommandLineTest::theLastWordsOfTheFrameworkPass()
 {
     const QStringList command{QStringLiteral("-c"), QStringLiteral("ulimit -c 0; exec \"$@\""), QStringLiteral("sh")};

@@ -32,8 +32,8 @@ private:
 
 namespace {
 
-// Each script makes its shell write what it would complete $LINE with to the file ~/offered. In bash and zsh the keys
-// are pressed that put all of it on the line, and then those that make a command of the line which prints its words.
+// Each script makes its shell write the completions of $LINE to the file ~/offered. In bash and zsh it presses the keys
+// that put all of them on the line, and then those that turn the line into a command which prints its words.
 
 const QByteArray bash_script = R"(
     echo '. /usr/share/bash-completion/bash_completion' >~/start
@@ -141,9 +141,9 @@ QStringList CompletionTest::offered(
         QTest::qFail(qPrintable(QStringLiteral("no answer from ") + shell), __FILE__, __LINE__);
     if (shell != QStringLiteral("fish")) {
         result = result.mid(words_before);
-        result.removeAll(begun); // nothing was offered
+        result.removeAll(begun); // stays on the line when nothing is offered
     }
-    // The shells differ in how they show a folder, and the value in one word with its option.
+    // Some shells end a folder with a slash, or show a value together with its option.
     result.replaceInStrings(QRegularExpression(QStringLiteral("/$|^--file=")), QString());
     result.sort();
     return result;

@@ -62,8 +62,7 @@ QStringList argumentsOf(Job job, const QString &port, const QString &local)
     return argumentsOn(port, options[static_cast<int>(job)], local);
 }
 
-/// What the tool prints of the job itself, in the parts that one answer after the other adds; the first part is from
-/// before the first piece.
+/// What the tool prints of the job itself, in parts: what comes before the first piece, then what each answer adds.
 QByteArrayList jobParts(Job job, const QString &port, const QString &local)
 {
     QByteArrayList parts{job == Job::Read ? console::reading("settings") : console::writing(local, "settings"),
@@ -76,7 +75,7 @@ QByteArrayList jobParts(Job job, const QString &port, const QString &local)
     return parts + QByteArrayList{QByteArray()}; // the log mask is set without a word
 }
 
-/// What a run prints, in the parts that one answer after the other adds.
+/// What a run prints, in parts: what comes before the first answer, then what each answer adds.
 QByteArrayList runParts(QByteArrayList identification, const QByteArrayList &job)
 {
     identification.last() += job.first();
@@ -120,10 +119,10 @@ struct Case {
     bool after = false;
     Cut cut = Cut::Clean;
 
-    /// The terminal restarts after an apply; it has to come back when the cut is not before that.
+    /// Whether the terminal comes back after the cut: it restarts after an apply, and the cut is that restart or later.
     bool restarts() const { return job == Job::Apply && (packet > apply_packet || isTheRestart()); }
 
-    /// Then the cut is nothing but what an apply leads to anyway.
+    /// Whether the cut is nothing but the restart that follows an apply anyway.
     bool isTheRestart() const { return job == Job::Apply && packet == apply_packet && after; }
 
     bool isBeyondTheEnd() const { return packet > packetsOf(job); }
@@ -172,15 +171,15 @@ void addRows(const char *name, Job job)
             Case row{job, packet, after, Cut::Clean};
             addRow(name, row);
             row.cut = after ? Cut::InPieces : Cut::HalfAnswer;
-            // Waiting for a restart takes 5 s, and it has tests of its own for these.
+            // Not with a restart, which takes 5 s and has tests of its own.
             if (!row.restarts() && !row.isBeyondTheEnd())
                 addRow(name, row);
         }
     }
 }
 
-/// The run on a port that vanished with the last one of \a answers, which may be lost or not; \a parts is what the
-/// whole run would print.
+/// Checks a run on a port that vanished with the last of so many \a answers, which may be lost or not; \a parts is what
+/// a whole run prints.
 void compareCut(const Run &run, const QByteArrayList &parts, int answers)
 {
     const Run lost = brokenOff(parts.mid(0, answers).join());
@@ -242,8 +241,8 @@ void CutsTest::anAnswerAndTheCutAreOne_data()
     }
 }
 
-// A line that goes away together with the last answer may take it along or not, and may find the tool between the
-// answer and its next request or in the middle of writing that.
+// When the line goes away together with the last answer, the tool may or may not get that answer, and may notice before
+// it writes its next request or while it does.
 void CutsTest::anAnswerAndTheCutAreOne()
 {
     QFETCH(const Job, job);
@@ -303,7 +302,7 @@ void CutsTest::aStuckRequestTimesOut_data()
     QTest::newRow("log mask") << Job::Write << packetsOf(Job::Write);
 }
 
-// A line that takes nothing may take it later; as long as it does not, there is no answer.
+// A request that the line does not take is no error of the port: the tool waits for the answer, which does not come.
 void CutsTest::aStuckRequestTimesOut()
 {
     QFETCH(const Job, job);

@@ -100,14 +100,14 @@ bool DeviceTest::start(const QStringList &options)
     return started && _protocol;
 }
 
-/// The same on one that never says who it is, which does not end the run here.
+/// Starts the controller on a terminal that never says who it is; its time-out does not end the run here.
 bool DeviceTest::startUnidentified(const QStringList &options)
 {
     return start(options + words("--silent V")) && QTest::qWaitFor([this] { return requestsWith("V") == 1; })
         && disconnect(_protocol, &jvxb::Protocol::softVersionReaded, nullptr, nullptr);
 }
 
-/// Makes the controller one whose port cannot be opened.
+/// Starts the controller on a port that cannot be opened.
 void DeviceTest::startOnNoPort()
 {
     const Capture console;
@@ -232,7 +232,7 @@ void DeviceTest::noOperationStartsWhileThePortIsClosed()
     _device->onSerialNumberReaded(jvxb::Error::None, QStringLiteral("1")); // goes on with the next operation
     QTest::qWait(100);
     QCOMPARE(console.written(), QByteArray("IMEI: 1\n\n"));
-    QVERIFY(_device->tryOpenSerialPort(true, true, 0)); // and so does this, 1 ms later
+    QVERIFY(_device->tryOpenSerialPort(true, true, 0)); // this goes on with it too, 1 ms later
     QTRY_COMPARE(requestsWith("LOG"), 1);
 }
 
@@ -310,7 +310,7 @@ void DeviceTest::aPortErrorWhileARestartIsExpectedReopensThePortOnce()
     QCOMPARE(console.flushed(), waiting);
     QElapsedTimer since_error;
     since_error.start();
-    _device->onErrorOccured(QStringLiteral("gone")); // at once instead of after 5 s
+    _device->onErrorOccured(QStringLiteral("gone")); // reopens after 100 ms instead of 5 s
     const QByteArray open = "\rSerial port open: " + _terminal->port().toLocal8Bit() + "\n\n";
     QVERIFY(QTest::qWaitFor([&] { return console.flushed() == waiting + open; }, 2000));
     QVERIFY(since_error.elapsed() >= 99);
@@ -328,7 +328,7 @@ void DeviceTest::whatTheLineHasNoRoomForIsWaitedForBeforeTheRestart()
     const Capture console;
     _device->onFileApplied(jvxb::Error::None, File::Settings);
     QCOMPARE(console.flushed(), QByteArray("Completed\n\n"));
-    // The line takes it while it is waited for: at 100 ms it would be too late.
+    // The controller waits 100 ms for the line; the terminal reads within that time.
     QTimer::singleShot(50ms, _device.get(), [&] { terminal.take(size); });
     QTRY_VERIFY(console.flushed().endsWith("Waiting device ...\n"));
     QCOMPARE(terminal.request(), request_to_enable);
@@ -384,8 +384,8 @@ void DeviceTest::theFirstExitCodeStands()
 {
     _device->logEnable(0);
     QVERIFY(start());
-    // Connected when the controller has connected its own slot, and so called after it, in the same turn of the event
-    // loop: the mask's answer has ended the run with 0 by then.
+    // Connected after the controller's own slot, and so called after it in the same turn of the event loop: by then the
+    // mask's answer has ended the run with 0.
     int failures = 0;
     const auto fail = [this, &failures] {
         ++failures;

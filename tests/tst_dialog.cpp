@@ -85,7 +85,7 @@ Outcome select(const QStringList &items, const Actions &actions, const Texts &te
 {
     Outcome outcome;
     QPointer<QWidget> dialog;
-    const QObject context; // whose end takes a timer along that nobody waited for
+    const QObject context; // its end removes the timer if that has not fired
     QTimer::singleShot(0, &context, [&] {
         dialog = QApplication::activeModalWidget();
         act(actions, outcome);
@@ -444,7 +444,7 @@ int main(int argc, char *argv[])
     // No window on the screen of whoever runs the tests.
     qputenv("QT_QPA_PLATFORM", "offscreen");
     const QTemporaryDir directory;
-    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework makes one, for ever
+    qputenv("XDG_RUNTIME_DIR", directory.path().toLocal8Bit()); // else the framework leaves one behind
     const QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     DialogTest test;

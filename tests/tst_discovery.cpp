@@ -115,7 +115,7 @@ void DiscoveryTest::severalTerminalsAreListedWhereNoWindowIs_data()
     QTest::newRow("two") << two << QList<int>{0, 1} << QStringList();
     QTest::newRow("three") << two + Ports{terminalPort(2, "1-3")} << QList<int>{0, 1, 2} << QStringList();
     QTest::newRow("two among foreign ones") << foreign_ports + two << QList<int>{0, 1} << QStringList();
-    // The order is that of the places on the bus: neither that of the names nor that of the description.
+    // Ordered by the places on the bus, which here differs from the order of the names and of the list.
     QTest::newRow("in order of discovery")
         << Ports{terminalPort(0, "1-2"), terminalPort(1, "1-3"), terminalPort(2, "1-1")} << QList<int>{2, 0, 1}
         << QStringList();
@@ -183,7 +183,7 @@ void DiscoveryTest::anEmptyNameStartsNoSearch()
 void DiscoveryTest::aWindowThatTheUserWantsIsWaitedFor()
 {
     const Testbed testbed({terminalPort(0, "1-1"), terminalPort(1, "1-2")});
-    // Nobody can look at this window, but for the framework, which tells of one that is shown to the user's helpers.
+    // Nobody sees an offscreen window, but the framework logs that it tells accessibility tools of it.
     Tool tool = testbed.start({}, words("QT_QPA_PLATFORM=offscreen QT_LOGGING_RULES=qt.accessibility.cache=true"));
     QVERIFY2(tool.waitForErrors("role=Dialog childc=3 obj=StringListSelectorDialog"), tool.errors().constData());
     const Run run = tool.finish(1s);

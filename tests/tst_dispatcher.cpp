@@ -8,8 +8,8 @@
 #include <poll.h>
 #include <sys/syscall.h>
 
-/// Which event dispatcher of the framework the tool runs on. Both wait with poll or ppoll, as the version of the
-/// library has it; only that of GLib also names the errors to wait for, which the system tells of anyway.
+/// Which event dispatcher of the framework the tool runs on. Both wait with poll or ppoll, depending on the version of
+/// the library; only the one of GLib lists the descriptors in ascending order.
 class DispatcherTest : public QObject {
     Q_OBJECT
 
@@ -20,8 +20,7 @@ private Q_SLOTS:
 
 namespace {
 
-/// The words that the system has on the call that the process with this number waits in: its number, then its
-/// arguments.
+/// The system call that the process with this number waits in: the number of the call, then its arguments.
 QByteArrayList callUnderWay(qint64 process)
 {
     QFile file(QStringLiteral("/proc/%1/syscall").arg(process));

@@ -86,7 +86,7 @@ QByteArray lastLine(const QByteArray &text)
     return text.trimmed().split('\n').last();
 }
 
-/// A line of the table or the list with one blank between its fields.
+/// The line of \a text with this \a beginning, with one blank between its fields.
 QString simplified(const QByteArray &text, const QString &beginning)
 {
     for (const QString &line : QString::fromUtf8(text).split(QLatin1Char('\n'))) {
@@ -96,7 +96,7 @@ QString simplified(const QByteArray &text, const QString &beginning)
     return {};
 }
 
-/// Two terminals and a stranger, of which nobody may open the port.
+/// Two terminals and another device, whose port must not be opened.
 class Bench {
 public:
     explicit Bench(const char *first = "", const char *second = "")
@@ -136,7 +136,7 @@ public:
         return testbed.start(command + words.mid(1), {searchPath()}, QStringLiteral("sh"));
     }
 
-    /// Whether a request to write has arrived there.
+    /// Whether the last request to the terminal of that number is one to write.
     bool isWritten(int number) const
     {
         const QByteArrayList requests = requestsTo(number);
@@ -421,7 +421,7 @@ void ExamplesTest::flashSafelySaysWhatAnInterruptLeavesBehind()
 {
     QFETCH(int, signal);
     for (const QString &shell : shells) {
-        const SimulatedTerminal terminal(words("--accept 0")); // which would go on for ever
+        const SimulatedTerminal terminal(words("--accept 0")); // so the write never ends
         const auto tool = start(shell, own(shell),
             {QStringLiteral("flash-safely"), QStringLiteral("keys"), path(QStringLiteral("new.bin")), terminal.port()});
         QVERIFY(tool->waitForOutput("0% completed (0/1300)"));
@@ -553,7 +553,7 @@ void ExamplesTest::listTerminalsNamesPortsThatLast()
 void ExamplesTest::watchLogComesBackWithTheTerminal()
 {
     for (const QString &shell : shells) {
-        // Its line is lost when everything is said, and the log begins behind the restart.
+        // The terminal drops off behind its answer to the log mask, so its log comes only after the restart.
         const SimulatedTerminal terminal(words("--drop-at 4:after --restart 0.3 --log-rate 20"));
         const auto tool = start(shell, own(shell), {QStringLiteral("watch-log"), terminal.port()});
         QVERIFY(tool->waitForOutput("ignition on"));

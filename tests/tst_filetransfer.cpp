@@ -70,7 +70,7 @@ namespace {
 constexpr int timeout = 256 - 1;
 constexpr int file_error = 256 - 111;
 
-/// A terminal with files, and what the tool says to it about a local file.
+/// A terminal with files, and runs of the tool with a local file on it.
 class FileTerminal : public FilingTerminal {
 public:
     using FilingTerminal::FilingTerminal;
@@ -394,7 +394,7 @@ void FileTransferTest::aStatusOfZeroReadsAsNoError()
     QCOMPARE(terminal.run("-r -f settings"),
         terminal.ends(
             0, console::reading("settings") + console::progressAt(512, 1300) + console::saved(terminal.local())));
-    QCOMPARE(content(terminal.local()), QByteArray()); // the error decides, and what came before it is dropped
+    QCOMPARE(content(terminal.local()), QByteArray()); // the piece that came before is dropped
 }
 
 void FileTransferTest::aStatusOfZeroCountsAsWritten()
@@ -476,7 +476,7 @@ void FileTransferTest::aLocalFileThatCannotBeReadEndsTheRun_data()
     QTest::newRow("no such file") << QStringLiteral("/no/such/file") << QByteArray("No such file or directory");
     QTest::newRow("no name") << QString() << QByteArray("No file name specified");
     QTest::newRow("a directory") << QStringLiteral("/") << QByteArray("file to open is a directory");
-    // Opens, and then fails to be read: what came of it is not to be written.
+    // Can be opened, but not read: nothing of it may be written to the terminal.
     QTest::newRow("a file that fails half-way") << QStringLiteral("/proc/self/mem") << QByteArray("Input/output error");
 }
 
@@ -500,7 +500,7 @@ void FileTransferTest::aLocalFileThatIsTooLargeEndsTheRun()
     QCOMPARE(terminal.furtherRequests(), 0);
 }
 
-/// The tool, whose standard input is what the shell's \a command prints; it writes and applies that.
+/// A run of the tool that writes to the terminal what the shell's \a command prints, from standard input.
 static Run applyOutputOf(const char *command, const FileTerminal &terminal)
 {
     const QString line = QStringLiteral("{ %1; } | \"$@\"").arg(QLatin1String(command));
@@ -563,7 +563,7 @@ void FileTransferTest::anApplyCarriesTheChecksum()
 
 void FileTransferTest::aRefusedApplyEndsTheRun()
 {
-    // Firmware is excused only for not answering.
+    // Firmware may be applied without an answer, but a refusal ends the run.
     FileTerminal terminal(refusal("FU", 1, 0x30));
     store(terminal.local(), "new");
     QCOMPARE(terminal.run("-w -a -f firmware"), terminal.ends(48, applying(terminal, 3, "firmware") + errorLine("48")));

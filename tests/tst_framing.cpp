@@ -51,8 +51,8 @@ QByteArray filledWith(const QByteArray &unit, qsizetype size)
     return unit.repeated(size / unit.size());
 }
 
-/// \a packet with address words such that a magic before it makes a header with right checksums, which claims a body of
-/// \a length bytes, at most 3; that header's last 12 bytes are the first of the packet.
+/// \a packet with other address words: a magic in front of it and its first 12 bytes make one more header with right
+/// checksums, which claims a body of \a length bytes, at most 3.
 QByteArray withHeaderInFront(QByteArray packet, qsizetype length)
 {
     packet.replace(8, 2, packets::number(static_cast<quint64>(length), 2));
@@ -130,8 +130,8 @@ private:
     int _records = 0;
 };
 
-/// The least processor time that some work has taken. It knows nothing of other programs' share of the machine, and the
-/// least of several runs little of what they do to the caches.
+/// The least processor time that several runs of some work have taken: other programs' time is not counted, and the
+/// least of several runs is little disturbed by what they do to the caches.
 class LeastTime {
 public:
     explicit LeastTime(std::function<void()> work)
@@ -166,7 +166,7 @@ QByteArray excess(double factor, LeastTime work, LeastTime reference)
     return QByteArray::number(work.milliseconds()) + " ms, against " + QByteArray::number(reference.milliseconds());
 }
 
-/// Receives \a stream in reads of \a read_size bytes, and what settles every claim in it.
+/// Receives \a stream in reads of \a read_size bytes, then the most bytes that a header may claim, then a packet.
 void digest(const QByteArray &stream, qsizetype read_size)
 {
     Receiver receiver;
@@ -428,8 +428,8 @@ void FramingTest::aBodyBelowThreeBytesIsRefused_data()
     QTest::newRow("3 bytes") << qsizetype{3} << false;
 }
 
-// The answer begins among the bytes of the refused header, of which only the magic goes; an accepted one takes it
-// along: its body is then the last bytes of the answer's header and its first.
+// The answer begins among the bytes of the header in front. If that is refused, only its magic is dropped, and the
+// answer is found; if it is accepted, the answer is lost: three bytes of its header are taken as the body.
 void FramingTest::aBodyBelowThreeBytesIsRefused()
 {
     QFETCH(qsizetype, length);
@@ -543,7 +543,7 @@ void FramingTest::nastyStreamsAreDigestedInLinearTime_data()
     QTest::newRow("small packets") << packets::packet("*#V");
 }
 
-// Eight times the bytes may cost eight times the work, and three times that for noise; the square would be 64 times.
+// Eight times the bytes should take eight times as long; 24 times is allowed, quadratic work would take 64 times.
 void FramingTest::nastyStreamsAreDigestedInLinearTime()
 {
     if (is_sanitized)
@@ -572,8 +572,8 @@ void FramingTest::nastyStreamsMayComeByteByByte()
     QVERIFY2(times.isEmpty(), times);
 }
 
-// Each of these headers claims as many bytes as it can, so each byte is added up for 4096 of them, and no more than
-// once for each: a header whose bytes have come is passed over at once, however the bytes come.
+// Each of these headers claims as many bytes as it can, so each byte belongs to the claims of 4096 headers. A header is
+// passed over once, as soon as the bytes that it claims have come.
 void FramingTest::everyHeaderOfTheWorstStreamIsPassedOverOnce()
 {
     constexpr qsizetype size = 16;

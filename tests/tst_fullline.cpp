@@ -98,7 +98,7 @@ void FullLineTest::aLineThatTakesNothingIsATimeout()
     QCOMPARE(
         tool.finish(), exits(255, identification + console::writing(local, "settings") + "\n\nError: Timeout(-1)\n"));
     const double seconds = processorTime() - before;
-    QVERIFY2(seconds < 3, QByteArray::number(seconds).constData()); // 5 s pass; waiting is not turning
+    QVERIFY2(seconds < 3, QByteArray::number(seconds).constData()); // of the 5 s that the tool waits: it does not spin
 }
 
 QTEST_GUILESS_MAIN(FullLineTest)

@@ -108,7 +108,7 @@ Run runsUntilStopped(const QByteArray &output)
 
 constexpr qsizetype time_size = 12; // hh:mm:ss zzz
 
-/// What the tool prints of \a packets, sent when it monitors the log; all that went wrong, if it is not.
+/// What the tool prints of \a packets while it monitors the log; a text with all of its output if the run went wrong.
 QByteArray printed(const QByteArray &packets, const QString &zone = utc)
 {
     PlainTerminal terminal;
@@ -124,7 +124,7 @@ QByteArray printed(const QByteArray &packets, const QString &zone = utc)
     return run.output.sliced(begin, end - begin);
 }
 
-// Midnight in UTC: the tool prints a record's number of milliseconds.
+// The log starts at midnight in UTC, so that record N has the time of N milliseconds.
 const QStringList from_midnight{QStringLiteral("--log-start"), QStringLiteral("1699920000")};
 
 /// What the tool prints in UTC of record \a number of the simulated terminal, which logs text only, one millisecond
@@ -184,7 +184,7 @@ qint64 peakMemory(qint64 process)
     return -1;
 }
 
-/// The records of a \a run on a terminal that was unplugged, which come behind \a front; then one line for the error,
+/// Checks a \a run on a terminal that was unplugged: it has to print \a front, whole records, one line for the error,
 /// and nothing more.
 void compareUnplugged(const Run &run, const QByteArray &front)
 {
@@ -369,7 +369,7 @@ void LogTest::aPipeSeesEachRecordAtOnce()
     Tool tool(monitorOn(terminal.port()), {utc});
     answerRequests(terminal);
     QByteArray expected = identification(terminal);
-    // Nothing follows a record until the whole of it has come out.
+    // The next record is sent only when the whole of this one has been printed.
     for (const char *data : {"1", "2\n", "", "4 \u20AC", "\n", "6\r\n"}) {
         terminal.send(text(data));
         expected += QByteArray(data).endsWith('\n') ? textLine(data).chopped(1) : textLine(data);
@@ -608,7 +608,7 @@ void LogTest::aSignalEndsTheMonitor_data()
 void LogTest::aSignalEndsTheMonitor()
 {
     QFETCH(int, signal_number);
-    std::signal(signal_number, SIG_DFL); // a job in the background inherits it ignored
+    std::signal(signal_number, SIG_DFL); // a shell's background jobs inherit SIGINT as ignored
     SimulatedTerminal terminal(words("--log-rate 1000") + from_midnight);
     Tool tool(monitorOn(terminal.port()), {utc});
     QVERIFY(tool.waitForOutput("#100 clock"));

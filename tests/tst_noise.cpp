@@ -21,8 +21,8 @@
 // What the tool can see of a bad line, and what not:
 //
 // The checksums of header and body are the exclusive or of their bytes. One wrong bit, or any odd number of wrong bits
-// in the same position of a byte, is seen. Two wrong bits in the same position of two bytes cancel out, and bytes that
-// changed places are as good as before. The simulated line flips one bit of a header and one bit of a body at most.
+// in the same position of a byte, is seen. Two wrong bits in the same position of two bytes cancel out, and swapped
+// bytes are not noticed. The simulated line flips one bit of a header and one bit of a body at most.
 //
 // Answers carry no sequence number; key and direction are all that ties them to a request. The position in a read
 // answer is not checked: an answer that comes twice is taken for the next piece, and a whole but wrong file is saved.
@@ -63,7 +63,7 @@ constexpr int runs_per_row = 40;
 constexpr int timeout = 256 - 1;
 constexpr int port_error = 256 - 110;
 constexpr int out_of_order = 3;        // the simulated terminal's status
-constexpr int largest_any_status = 15; // of those that it draws
+constexpr int largest_any_status = 15; // of those that --error-rate draws
 
 enum class Job { Read, Write, Apply };
 
@@ -95,7 +95,7 @@ struct Mix {
     /// Whether \a code may end a run with these faults.
     bool allows(int code) const
     {
-        if (code == port_error) // an apply whose answer does not get through
+        if (code == port_error) // also when the answer to an apply is lost and the terminal restarts
             return has("--drop-at") || job == Job::Apply;
         if (code == out_of_order && has("--duplicate"))
             return true;
@@ -112,8 +112,8 @@ struct Mix {
         return std::any_of(faults.begin(), faults.end(), [this](const char *fault) { return has(fault); });
     }
 
-    /// The tool sends a piece again when the answer before it came twice, and a terminal that has it already may say
-    /// so. Whatever else the tool is told, it has no reason for a request that makes no sense.
+    /// Whether the terminal may complain so. When an answer comes twice, the tool sends the next piece twice, and the
+    /// terminal refuses the second copy. No other fault makes the tool send a request that is wrong.
     bool allowsComplaint(const QByteArray &line) const
     {
         return has("--duplicate")
@@ -159,7 +159,7 @@ private:
             add(option, between(least, most));
     }
 
-    /// What disturbs nobody who reads carefully.
+    /// Adds options that are no faults: a correct tool succeeds with them.
     void chooseWays()
     {
         add("--seed", static_cast<int>(seed));
@@ -284,7 +284,7 @@ private:
         return {};
     }
 
-    /// No request waits longer than its time-out. The last one may have gone to a terminal that was not there.
+    /// No request waits longer than its time-out. The last one is not recorded if the terminal was gone by then.
     QByteArray faultOfTime() const
     {
         const QByteArrayList requests = _terminal.requests();
@@ -316,7 +316,7 @@ private:
     Run _run;
 };
 
-/// What the tool shows when \a moved bytes of 1300 were.
+/// What the tool shows when \a moved bytes of 1300 are transferred.
 QByteArray progress(int moved)
 {
     return console::progressAt(moved, 1300);
@@ -327,8 +327,8 @@ QByteArray identification(const PlainTerminal &terminal)
     return console::plainIdentificationParts(terminal.port()).join();
 }
 
-/// Answers all requests up to the one for the log mask, which comes last: twice those for whose body and number, from 1
-/// on, \a isDoubled is true. Returns the requests.
+/// Answers all requests up to the one for the log mask, which comes last. A request is answered twice if \a isDoubled
+/// is true for its body and its number, counted from 1. Returns the requests.
 QByteArrayList serve(PlainTerminal &terminal, const std::function<bool(const QByteArray &, qsizetype)> &isDoubled)
 {
     QByteArrayList requests;
@@ -477,7 +477,7 @@ void NoiseTest::aDoubledReadAnswerIsTakenForTheNextPiece_data()
     QTest::addColumn<int>("doubled");
     QTest::addColumn<QList<int>>("pieces");
     QTest::addColumn<QList<int>>("asked");
-    // The piece that is held twice makes up for the last one; what is too much is cut off.
+    // With one piece held twice the tool does not wait for the last one, and cuts the file to its size.
     QTest::newRow("first piece") << 1 << QList<int>{0, 0, 512} << QList<int>{0, 512, 1024};
     QTest::newRow("second piece") << 2 << QList<int>{0, 512, 512} << QList<int>{0, 512, 1024};
     // Nothing waits for a piece any more when the last one comes again.
@@ -509,7 +509,7 @@ void NoiseTest::aDoubledReadAnswerIsTakenForTheNextPiece()
     QCOMPARE(offsets(requests, "*!FR"), asked);
 }
 
-// The terminal acknowledges each piece as often as it comes, so the one doubled answer is never made up for.
+// The terminal acknowledges each copy of a piece, so that after one doubled answer every piece is sent twice.
 void NoiseTest::aDoubledWriteAnswerSendsTheNextPieceTwice()
 {
     const QTemporaryDir directory;

@@ -402,7 +402,7 @@ void PayloadsTest::aPieceIsThereOrNot()
     QVERIFY(answer);
     QCOMPARE(answer->length, length);
     QTEST(answer->piece, "piece");
-    QCOMPARE(answer->file, File::RoadAccident); // which is asked first
+    QCOMPARE(answer->file, File::RoadAccident); // known without the piece, as it is checked first
 }
 
 void PayloadsTest::aWriteAnswerIsTakenApart()

@@ -20,7 +20,7 @@ struct KnownRequest {
     Request send;
     const char *packet;  ///< in hexadecimal digits
     const char *timeout; ///< what is reported when no answer comes
-    int milliseconds;    ///< after which it is
+    int milliseconds;    ///< after which that is reported
 };
 
 // The packets are what the expressions of packets.h give for the address words 0 and 1 and the bodies
@@ -176,7 +176,7 @@ void ProtocolTest::aTransactionKnowsItsAnswer_data()
     row("*#KEY", 5);
     row("*#KEYpayload", 5);
     row("*#KEYKEY", 5);
-    row("x#KEY", 5); // the start character is not its business
+    row("x#KEY", 5); // the start character is not checked here
     row("*@KEY", -1);
     row("*?KEY", -1);
     row("*>KEY", -1);
@@ -215,7 +215,7 @@ void ProtocolTest::onlyFileRequestsNeedATransactionOfTheirOwn_data()
     row("KEY", newFileCommand, {});
 }
 
-// The transactions are of classes that the engine itself does not begin for these keys.
+// Most of the transactions are of another class than the engine itself begins for their key.
 void ProtocolTest::onlyFileRequestsNeedATransactionOfTheirOwn()
 {
     QFETCH(QByteArray, key);
@@ -379,8 +379,8 @@ void ProtocolTest::aMessageIsNeverAnAnswer()
     QCOMPARE(bench.logs, QByteArrayList{"up"});
 }
 
-// A record cannot come inside another packet: the bytes of both then belong to the answer's body, whose checksum fails,
-// and the record is found in it. Between two answers, cut anywhere, it changes nothing.
+// Records before and behind an answer change nothing, however the stream is cut. A record in the middle of an answer
+// makes its body checksum fail: the answer is lost, and the record is found.
 void ProtocolTest::aLogRecordMayComeBetweenTheHalvesOfAnAnswer()
 {
     const QByteArray stream = packets::log_record + packets::software_answer + packets::log_record;
@@ -453,7 +453,7 @@ void ProtocolTest::aSilentTerminalIsReportedInTime_data()
         QTest::newRow(request.name) << request.send << QByteArray(request.timeout) << request.milliseconds;
 }
 
-// Timers count whole milliseconds of a clock that this one does not share, hence the 1.
+// Timers count whole milliseconds of another clock than this one, so 1 ms less may pass here.
 void ProtocolTest::aSilentTerminalIsReportedInTime()
 {
     QFETCH(Request, send);
@@ -471,7 +471,7 @@ void ProtocolTest::aSilentTerminalIsReportedInTime()
     QVERIFY(!transaction);
 }
 
-// An answer that is there already, but not yet read, is late.
+// An answer that has not been read when the time is over is late.
 void ProtocolTest::aTimeoutIsReportedAtOnce()
 {
     ProtocolBench bench;
@@ -654,7 +654,7 @@ void ProtocolTest::noErrorOfThePortIsNotReported()
     QCOMPARE(bench.results, QByteArrayList{});
 }
 
-// The text may be left over from before: the port reports a hang-up with that of the system's latest error.
+// The port reports a hang-up with the text of the system's latest error, which may be that of a full line.
 void ProtocolTest::theTextOfAFullLineIsAnErrorIfNothingWaits()
 {
     ProtocolBench bench;

@@ -43,7 +43,7 @@ struct Section {
     QList<Shown> commands;
 };
 
-/// Adds the code that begins at \a lines[at], behind so many blanks.
+/// Adds the commands, and what is shown below them, of the code at \a lines[at], which is indented by \a indent blanks.
 void addCode(Section &section, const QStringList &lines, qsizetype at, qsizetype indent)
 {
     static const QString prompt = QStringLiteral("$ ");
@@ -77,8 +77,8 @@ QList<Section> sections()
     return sections;
 }
 
-/// \a text as a terminal shows it in the end, with the names, times and numbers that differ from run to run as in the
-/// README, and one blank where there are several.
+/// \a text as a terminal shows it in the end, with names, times and numbers that differ from run to run replaced, and
+/// one blank where there are several.
 QStringList normalized(const QString &text)
 {
     static const QList<std::pair<QRegularExpression, QString>> changing{
@@ -115,7 +115,7 @@ bool matches(const QStringList &printed, const QStringList &shown)
     return QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(text).hasMatch();
 }
 
-/// \a command as the test has to say it: some go on until somebody stops them.
+/// \a command as the test runs it: stopped after 2 s if it would go on for ever, and ./run by its path.
 QString runnable(const QString &command)
 {
     if (command == QStringLiteral("jvx-loader -m") || command.startsWith(QStringLiteral("watch-log")))
@@ -142,7 +142,7 @@ int terminalsFor(const Section &section)
     return section.heading == QStringLiteral("Several terminals") ? 2 : 1;
 }
 
-/// Makes udev's links to the ports, and runs the script that follows in the folder that follows.
+/// Shell code that makes udev's links to the ports and, in the folder $1, lets the shell $2 run the script $3.
 QString prelude(int terminals)
 {
     QString text = QStringLiteral("mkdir -p $UMOCKDEV_DIR/dev/serial/by-id; ");

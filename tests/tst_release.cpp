@@ -10,7 +10,7 @@ private Q_SLOTS:
     void whatIsWrongIsSaid();
 };
 
-// A release of the sources as they are, but for the changes, which the rows write.
+// Copies the sources, writes a new CHANGELOG.md, lets the row change and commit all that, and judges the result.
 static const QString making = QStringLiteral(R"(set -e
     cd "$1"
     cp --parents -r CMakeLists.txt packaging/debian/changelog packaging/releasable packaging/man \

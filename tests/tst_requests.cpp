@@ -239,7 +239,7 @@ void RequestsTest::anIdentificationAnswerThatIsNotUnderstoodIsReported()
 
 // ---- all file requests --------------------------------------------------------------------------------------------
 
-// Which bytes make which answer is for the tests of the payloads; here each outcome has to reach each result.
+// tst_payloads tests which bytes make which answer; here every request has to report every outcome.
 void RequestsTest::theOutcomeOfAFileAnswerIsReported_data()
 {
     QTest::addColumn<Request>("send");
@@ -327,7 +327,8 @@ void RequestsTest::anErrorForAnotherKindEndsTheRequest()
     QVERIFY(bench.lastResult().contains(" -2 "));
 }
 
-// The request for the serial number is 200 ms younger than the read, and so is its end, unless the read began anew.
+// The serial number is requested 200 ms after the read, and has to time out after it; if the answer for another kind
+// gave the read new time, it would time out first.
 void RequestsTest::anAnswerForAnotherKindDoesNotProlongTheTime()
 {
     ReadBench bench;
@@ -531,7 +532,7 @@ void RequestsTest::theGreatestAnnouncedSizeIsUnsigned()
             "fileReadingProgress 3 1025 1025", "fileReaded 0 3 1025 bytes"}));
 }
 
-// Four pauses that no single time-out of 500 ms could hold.
+// The four pauses together are longer than one time-out of 500 ms.
 void RequestsTest::eachReadPieceHasItsOwnTime()
 {
     ReadBench bench;
@@ -706,7 +707,7 @@ void RequestsTest::theApplyRequestIsExact()
 
 // ---- log ----------------------------------------------------------------------------------------------------------
 
-// And not the one that was asked for.
+// The mask of the answer is reported, not the one that was requested.
 void RequestsTest::theMaskInForceIsReported()
 {
     ProtocolBench bench;

@@ -31,7 +31,7 @@ private Q_SLOTS:
 
 namespace {
 
-/// Takes pseudo-terminals until it has the one that \a path has named, which has become free, or until \a isTooLate.
+/// Opens pseudo-terminals until it gets the one at \a path, which has just become free, or until \a isTooLate.
 class PseudoTerminalSquatter {
 public:
     PseudoTerminalSquatter(const QString &path, const std::function<bool()> &isTooLate)

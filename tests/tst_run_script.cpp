@@ -66,7 +66,7 @@ Run onSimulated(const QString &port, int code, const QByteArray &output,
     return run;
 }
 
-/// The tool that runs on the simulated terminal's \a port, which is named after it; 0 if the port's name is another.
+/// The process of the tool on the simulated terminal's \a port: the number that the port's name ends with, 0 if none.
 pid_t processOn(const QString &port)
 {
     return port.section(QLatin1Char('-'), -1).toInt();

@@ -40,7 +40,7 @@ void SendingTest::aRequestOnAClosedPortIsNoErrorOfThePort()
     QCOMPARE(bench.results, QByteArrayList({"softVersionReaded -1 \"\" \"\" \"\" \"\""}));
 }
 
-// Whoever hears of the error may do anything, and the request is not yet in order while it is sent.
+// A slot that gets the error may do anything, such as end the request, which is still in use while it is sent.
 void SendingTest::anErrorWhileARequestIsSentIsReportedLater()
 {
     ProtocolBench bench;
@@ -63,7 +63,7 @@ void SendingTest::aRequestThatCouldNotBeSentMayBeEnded_data()
     QTest::newRow("the third piece") << 2;
 }
 
-// What touches the transaction afterwards is for the sanitizer to find.
+// The build with the sanitizer finds any access to the transaction after its end.
 void SendingTest::aRequestThatCouldNotBeSentMayBeEnded()
 {
     QFETCH(const int, answers);
@@ -84,7 +84,7 @@ void SendingTest::aRequestThatCouldNotBeSentMayBeEnded()
     QTRY_COMPARE(bench.lastResult(), QByteArray("errorOccured \"gone\""));
     QCOMPARE(bench.pending().size(), 0);
     bench.port.deliver(answer);
-    QTest::qWait(700); // the answer time, and no result
+    QTest::qWait(700); // longer than the answer time, and no result comes
     QCOMPARE(bench.lastResult(), QByteArray("errorOccured \"gone\""));
 }
 
@@ -95,7 +95,7 @@ void stall(QtMsgType /*type*/, const QMessageLogContext & /*context*/, const QSt
     QTest::qSleep(700); // longer than the answer time
 }
 
-/// While it lives the trace is on and takes its time, as on a slow disk.
+/// While it lives the trace is on, and each line of it takes long, as on a slow disk.
 class SlowTrace {
 public:
     SlowTrace()

@@ -28,8 +28,8 @@ private Q_SLOTS:
 
 namespace {
 
-/// A port on which a line tap sits that writes down the packets of both directions, in order and with the names of
-/// their senders, as the document has them.
+/// A tap between the tool and a terminal's port. It writes down the packets of both directions, in order and with the
+/// names of their senders, as the document has them.
 class Tap {
 public:
     /// Taps the port of \a terminal, which may go away and come back.
@@ -59,7 +59,7 @@ public:
 
     QString port() const { return _link; }
 
-    /// Removes the tap. Returns the packets that went by.
+    /// Ends the tapping. Returns the packets that went by.
     QByteArrayList finish()
     {
         _ends = true;

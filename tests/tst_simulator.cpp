@@ -373,7 +373,7 @@ void SimulatorTest::aTerminalMayRestartBeforeItAnswersFirmware()
     bench.terminal.receive(forKind(write_keys, kind));
     bench.terminal.receive(forKind(apply_keys, kind));
     QCOMPARE(bench.answered.count(), answers);
-    QCOMPARE(bench.dropped_off.count(), answers - 1); // unanswered, it takes a second to install first
+    QCOMPARE(bench.dropped_off.count(), answers - 1); // without an answer, a second later
     bench.terminal.receive(ask_serial_number);
     QTRY_COMPARE(bench.dropped_off.count(), 1);
     QCOMPARE(bench.answered.count(), answers);

@@ -284,7 +284,7 @@ void SimulatorFaultsTest::faultsShowAllTogether()
     }
     QCOMPARE(bench.sent.count(), 50); // the messages; no answer comes at once
     QTRY_VERIFY_WITH_TIMEOUT(bench.line.isIdle(), 4 * patience);
-    QVERIFY(!bench.pieces().contains(QByteArray("x"))); // but garbage before it
+    QVERIFY(!bench.pieces().contains(QByteArray("x"))); // there is garbage before each of them
 
     const QByteArray stream = bench.pieces().join();
     QList<qsizetype> places;

@@ -66,14 +66,14 @@ private:
     int _descriptor;
 };
 
-/// Makes this process, which is to become another program, one to which the claims of others apply: a right that root
-/// has exempts it, and so root's programs would never find a claimed port busy.
+/// For a child process before it executes its program: makes other programs' claims of a port apply to it. With the
+/// capability that root has, it would never find a claimed port busy.
 void dropExemption()
 {
     ::prctl(PR_CAPBSET_DROP, CAP_SYS_ADMIN);
 }
 
-/// A program of a plain user.
+/// A program that has to respect claims, even if root runs the test.
 class PlainProcess : public QProcess {
 public:
     PlainProcess()
@@ -174,7 +174,7 @@ void SimulatorProcessTest::kill()
     QVERIFY(QFile::remove(_record));
 }
 
-/// What another simulator says that is refused the same name.
+/// What a second simulator prints that asks for the same name and is refused.
 QByteArray SimulatorProcessTest::refusal()
 {
     QProcess other;

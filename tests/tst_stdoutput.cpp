@@ -111,7 +111,7 @@ void StdOutputTest::aTextIsWritten()
     QTEST(capture.flushed(), "written");
 }
 
-// On the systems that the tests run on the framework takes the local encoding for UTF-8, whatever the locale.
+// Where the tests run, the framework's local encoding is UTF-8, whatever the locale.
 void StdOutputTest::aTextIsConvertedToTheLocalEncoding_data()
 {
     QTest::addColumn<QString>("text");
@@ -185,7 +185,7 @@ constexpr bool is_printed = requires(StdOutput &output, T value)
     output << value;
 };
 
-// What would come out is anybody's guess, so it does not compile.
+// It is not clear how they should be printed, so printing them does not compile.
 void StdOutputTest::truthValuesAndCharactersAreRefused()
 {
     QVERIFY(is_printed<int>);

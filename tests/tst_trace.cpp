@@ -67,7 +67,7 @@ QByteArrayList skipsIn(const QByteArrayList &trace)
     return lines;
 }
 
-/// Gives the answers to the next requests, in turn; an empty one is none.
+/// Answers the next requests with \a answers, in turn; a request whose answer is empty gets none.
 void answer(PlainTerminal &terminal, const QByteArrayList &answers)
 {
     for (const QByteArray &bytes : answers) {
@@ -156,7 +156,7 @@ void TraceTest::bytesThatArePassedOverAreShownWithTheReason()
     QCOMPARE(skipsIn(traceIn(run.errors)), expected);
 }
 
-// Another device than a terminal is told by what it says.
+// A user can see by what a device says that it is no terminal.
 void TraceTest::bytesThatMakeNoPacketAreShown_data()
 {
     QTest::addColumn<QByteArray>("said");

@@ -34,8 +34,8 @@ QString description(const QString &vendor, const QString &product)
         .arg(usb_device, serial_port, vendor, product);
 }
 
-/// What udev would do with \a device when one with these identifiers is plugged in. It looks for rules in /run too, and
-/// would write there and to /dev: both are of a name space of its own.
+/// What udev would do with \a device when one with these identifiers is plugged in. It reads rules in /run, and would
+/// write there and to /dev/char: it gets both as empty folders in a name space of its own.
 QString plugIn(const QString &device, const QString &vendor, const QString &product)
 {
     const Installation installation(QStringLiteral("/usr"));
@@ -50,7 +50,7 @@ QString plugIn(const QString &device, const QString &vendor, const QString &prod
                                           "mount -t tmpfs tmpfs /run; mkdir -p /run/udev/rules.d; "
                                           "cp \"$1\" /run/udev/rules.d; "
                                           "exec umockdev-run -d \"$2\" -- udevadm test --action=add \"/sys$3\" 2>&1");
-    // Root needs no users of its own for that, and may not have them where its system is a folder of another one.
+    // Root can mount without a name space of users, and in a chroot it may not make one.
     const bool is_root = run({QStringLiteral("unshare"), QStringLiteral("--mount"), QStringLiteral("true")}).code == 0;
     const QStringList users{QStringLiteral("--user"), QStringLiteral("--map-root-user")};
     const Ended ended = run(QStringList{QStringLiteral("unshare")} + (is_root ? QStringList() : users)
@@ -106,7 +106,7 @@ void UdevTest::udevUnderstandsTheRule()
 void UdevTest::theUserAtTheSeatHasAccess()
 {
     QFETCH(QString, device);
-    // The rule that grants it comes late, and only where the tag was set before.
+    // The access is granted by udev's own rule 73, if the tag was set before it.
     const QString text = plugInTerminal(device);
     QVERIFY(isTaggedForTheSeat(text));
     const qsizetype granting = text.indexOf(QStringLiteral("/73-seat-late.rules"));

@@ -48,7 +48,7 @@ public:
     /// Whether there is a window, which is bright, on the screen, which is dark.
     static bool showsWindow() { return screen().pixelColor(2, 2).lightness() > 200; }
 
-    /// Whether one of the first rows of the list is selected, which is the only colour at their ends.
+    /// Whether one of the first rows of the list is selected: only a selection is coloured at the end of a row.
     static bool showsSelection()
     {
         const QImage image = screen();
@@ -73,7 +73,7 @@ void hit(const char *keys)
     if (!QTest::qWaitFor(Compositor::showsWindow, 10'000))
         QTest::qFail("no window appeared", __FILE__, __LINE__);
     xdotool(words("mousemove 320 240"));
-    // Keys from before the window has the keyboard are lost.
+    // Keys are lost until the window has the keyboard.
     const auto select_last = [] {
         xdotool(words("key End"));
         return Compositor::showsSelection();
@@ -151,7 +151,7 @@ void WaylandTest::theDesktopDecidesBetweenItsDisplays_data()
                          << QByteArray("libqwayland-");
 }
 
-// The framework tells which plugin it loads; each of the two displays works, so it loads no other one.
+// The framework logs which plugin it loads. Both displays work, so it does not have to try a second plugin.
 void WaylandTest::theDesktopDecidesBetweenItsDisplays()
 {
     QFETCH(const QByteArray, desktop);

@@ -38,7 +38,7 @@ private Q_SLOTS:
 
 namespace {
 
-/// The window as it has to look, built here once more; what stands where in it is known, too.
+/// The window as it has to look, built here once more, and the places in it to click on.
 struct ExpectedWindow {
     explicit ExpectedWindow(const QStringList &candidates)
     {
@@ -121,7 +121,7 @@ public:
         message.data.data32[0] = atom(connection, "WM_DELETE_WINDOW");
         const auto cookie = xcb_send_event_checked(
             connection, 0, message.window, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<char *>(&message));
-        // Waits for the server, which might drop what a client that leaves has just sent.
+        // Waits for the server, which might drop what a client sends just before it disconnects.
         std::free(xcb_request_check(connection, cookie));
         xcb_disconnect(connection);
     }
@@ -158,7 +158,7 @@ QStringList onDisplay()
 /// What the user does: a key by its name, or a click on a row by its number, on "ok" or on "cancel"; or "close".
 void perform(const QString &actions, const ShownWindow &window, const ExpectedWindow &expected)
 {
-    // The user acts on what can be seen.
+    // A user acts only when the window can be seen.
     QVERIFY2(QTest::qWaitFor([&] { return window.image() == expected.image; }, 10'000), "the window looks different");
     for (const QString &action : actions.split(QLatin1Char(' '))) {
         bool is_row = false;

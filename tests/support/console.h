@@ -13,10 +13,10 @@ QByteArray checking(const QString &port);
 /// Up to and with the identification of the simulated terminal on \a port, as it is by default.
 QByteArray identification(const QString &port);
 
-/// The same in the parts that one answer after the other adds; the first part is from before the first answer.
+/// The same in parts: what is printed before the first answer, then what is printed for each answer.
 QByteArrayList identificationParts(const QString &port);
 
-/// These parts for a plain terminal.
+/// identificationParts() for a PlainTerminal.
 QByteArrayList plainIdentificationParts(const QString &port);
 
 /// When a file of this \a kind, a key, is about to be read.
@@ -25,7 +25,7 @@ QByteArray reading(const QByteArray &kind);
 /// When the local file at \a path is about to be written as \a kind.
 QByteArray writing(const QString &path, const QByteArray &kind);
 
-/// When \a moved bytes of \a size are over.
+/// When \a moved bytes of \a size are transferred.
 QByteArray progressAt(qint64 moved, qint64 size);
 
 /// For a whole file of \a size bytes that moves in pieces of \a piece bytes.
@@ -43,7 +43,7 @@ QByteArray applying(const QByteArray &kind);
 /// When the apply is acknowledged.
 QByteArray completed();
 
-/// Behind that, or in its place, until the terminal that restarts is back on \a port.
+/// When the tool closes \a port and begins to wait for the terminal that restarts, with completed() before it or not.
 QByteArray waiting(const QString &port);
 
 /// When \a port opens, at first or again.

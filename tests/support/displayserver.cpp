@@ -8,7 +8,7 @@ DisplayServer::DisplayServer()
     _server.start(QStringLiteral("Xvfb"),
         {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
             QStringLiteral("800x600x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
-            QStringLiteral("-nolisten"), QStringLiteral("unix")}); // at a name that is no file
+            QStringLiteral("-nolisten"), QStringLiteral("unix")}); // abstract sockets only, which leave no file
     while (!_server.canReadLine() && _server.waitForReadyRead()) { }
     _display = ":" + _server.readLine().trimmed();
     if (_display == ":")

@@ -14,11 +14,11 @@ public:
     DisplayServer(const DisplayServer &) = delete;
     DisplayServer &operator=(const DisplayServer &) = delete;
 
-    /// Makes the windows of this process, and of those it starts, appear there. Before there is an application object.
+    /// Makes the windows of this process, and of those it starts, appear there. Call it before there is an application.
     void adopt() const;
 
 private:
-    const QTemporaryDir _runtime; ///< else the framework makes one, for ever
+    const QTemporaryDir _runtime; ///< else the framework makes one and leaves it behind
     QProcess _server;
     QByteArray _display;
 };

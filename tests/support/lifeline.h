@@ -3,7 +3,7 @@
 #include <csignal>
 #include <sys/prctl.h>
 
-/// Makes this process, which a test is about to turn into another program, end with the test, however that ends.
+/// For a child process before it executes its program, which is then terminated when the test ends, even by a crash.
 inline void endWithTheTest()
 {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);

@@ -6,8 +6,8 @@
 
 #include <chrono>
 
-/// The least that a terminal can be: a pseudo-terminal, for answers that are exactly what a test wants, when it wants
-/// them. It has one file, takes every request as it comes and acknowledges every piece.
+/// A minimal terminal: a pseudo-terminal, for answers that are exactly what a test wants, when it wants them. It has
+/// one file, takes every request as it comes and acknowledges every piece.
 class PlainTerminal {
 public:
     /// A terminal with this \a file, whatever its kind.
@@ -18,8 +18,8 @@ public:
     PlainTerminal(const PlainTerminal &) = delete;
     PlainTerminal &operator=(const PlainTerminal &) = delete;
 
-    /// What the user of the tool names. A name of its own: the system gives the number of a pseudo-terminal to the
-    /// next one, with any lock that is left of it.
+    /// The port to name to the tool. A link of its own: the system gives the number of a pseudo-terminal to the next
+    /// one, which a lock left behind would block.
     QString port() const { return _directory.filePath(QStringLiteral("terminal")); }
 
     /// The body of the next request; empty if there is none within \a limit.

@@ -18,7 +18,7 @@ QByteArray differingPart(const QByteArray &text, const QByteArray &other)
     return (from > 0 ? "from byte " + QByteArray::number(from) + " on " : QByteArray()) + part.get();
 }
 
-/// \a run, but for what is the same in \a other.
+/// The exit code of \a run, and its output and errors where they differ from those of \a other.
 QByteArray describe(const Run &run, const Run &other)
 {
     QByteArray text = "exit code " + QByteArray::number(run.code);

@@ -26,7 +26,7 @@ Run exits(int code, const QByteArray &output);
 /// A run that ends with \a code and has nothing to say but \a errors, on standard error.
 Run fails(int code, const QByteArray &errors);
 
-/// \a run with "..." in place of the reason at the end of its last line, "Error: " and a reason that is the system's.
+/// \a run with "..." in place of the reason, which the system words, in its last line "Error: REASON".
 Run withoutReason(Run run);
 
 namespace QTest {

@@ -44,7 +44,7 @@ QByteArrayList SimulatedTerminal::record() const
     if (!file.open(QIODevice::ReadOnly))
         return {};
     QByteArrayList lines = file.readAll().split('\n');
-    lines.removeLast(); // what follows the last line end is not a whole line, if anything
+    lines.removeLast(); // empty, or a line that is not complete yet
     return lines;
 }
 

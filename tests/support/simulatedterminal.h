@@ -22,7 +22,7 @@ public:
     SimulatedTerminal(const SimulatedTerminal &) = delete;
     SimulatedTerminal &operator=(const SimulatedTerminal &) = delete;
 
-    /// What the user of the tool names.
+    /// The port to name to the tool.
     QString port() const { return _directory.filePath(QStringLiteral("terminal")); }
 
     bool isPlugged() const;

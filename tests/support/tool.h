@@ -48,10 +48,10 @@ public:
     /// Waits until standard error holds \a text, and returns whether it did within 10 s.
     bool waitForErrors(const QByteArray &text);
 
-    /// What standard error holds, as far as somebody has waited for it.
+    /// What the functions that wait have read from standard error so far.
     QByteArray errors() const { return _errors; }
 
-    /// Whether the run is over already; looks for a moment.
+    /// Whether the run is over; waits 1 ms for that.
     bool hasEnded();
 
     /// Waits for the end of the run; kills it after \a limit. Returns all that it wrote from the beginning on.
@@ -64,7 +64,7 @@ private:
     bool waitFor(const std::function<bool()> &isEnough, std::chrono::milliseconds limit);
     void readAll();
 
-    const QTemporaryDir _directory; ///< where the tool and the framework put what they need for a while
+    const QTemporaryDir _directory; ///< for temporary files of the tool and the framework
     QProcess _process;
     QByteArray _output;
     QByteArray _errors;
