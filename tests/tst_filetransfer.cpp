@@ -501,7 +501,7 @@ void FileTransferTest::aLocalFileThatIsTooLargeEndsTheRun()
 }
 
 /// A run of the tool that writes to the terminal what the shell's \a command prints, from standard input.
-static Run applyOutputOf(const char *command, const FileTerminal &terminal)
+static Run writeOutputOf(const char *command, const FileTerminal &terminal)
 {
     const QString line = QStringLiteral("{ %1; } | \"$@\"").arg(QLatin1String(command));
     const QStringList shell{QStringLiteral("-c"), line, QStringLiteral("sh"), Tool::path()};
@@ -513,7 +513,7 @@ static Run applyOutputOf(const char *command, const FileTerminal &terminal)
 void FileTransferTest::aPipeMayBringTheFile()
 {
     FileTerminal terminal;
-    const Run run = applyOutputOf("printf 12345; sleep 0.2; printf 6789", terminal);
+    const Run run = writeOutputOf("printf 12345; sleep 0.2; printf 6789", terminal);
     QCOMPARE(run,
         terminal.ends(
             0, console::writing(QStringLiteral("/dev/stdin"), "settings") + console::progress(9) + console::written()));
@@ -526,7 +526,7 @@ void FileTransferTest::aPipeThatBringsTooMuchEndsTheRun()
     if (is_sanitized)
         QSKIP("This takes 2 GiB, and many more with the sanitizer.");
     FileTerminal terminal;
-    const Run run = applyOutputOf("head -c 4294968596 /dev/zero", terminal); // 4 GiB and 1300 bytes
+    const Run run = writeOutputOf("head -c 4294968596 /dev/zero", terminal); // 4 GiB and 1300 bytes
     QCOMPARE(run, terminal.ends(file_error, accessError(QStringLiteral("/dev/stdin"), "File too large")));
     QCOMPARE(terminal.furtherRequests(), 0);
 }
