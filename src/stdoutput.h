@@ -8,9 +8,9 @@
 
 /// One message to the console.
 ///
-/// Fed with operator<<, ended by its destruction; mostly a temporary. Everything the tool says, errors included, goes to
-/// the process's standard output in the local 8-bit encoding (QString::toLocal8Bit) and is flushed with the message, so
-/// that a pipe sees it at once. Write errors are not reported; output_reader::hasLeft() tells of them.
+/// Fed with operator<<, ended by its destruction; mostly a temporary. Everything the tool says, errors included, goes
+/// to the process's standard output in the local 8-bit encoding (QString::toLocal8Bit) and is flushed with the message,
+/// so that a pipe sees it at once. Write errors are not reported; output_reader::hasLeft() tells of them.
 class StdOutput {
 public:
     /// \param new_line true: the destructor ends the line; false: it only flushes, and the next message continues the
