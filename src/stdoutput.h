@@ -20,11 +20,15 @@ public:
     {
     }
 
-    /// An integer type whose values are numbers. Those of 8 bits are, in the framework's and the standard's names, too.
+    /// Whether \a T is one of \a Others.
+    template <typename T, typename... Others>
+    static constexpr bool is_one_of = (std::same_as<T, Others> || ...);
+
+    /// Whether \a T is an integer type whose values are numbers. Those of 8 bits are, in the framework's and the
+    /// standard's names, too.
     template <typename T>
     static constexpr bool is_number
-        = std::integral<
-              T> && !std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
+        = std::integral<T> && !is_one_of<T, bool, char, wchar_t, char8_t, char16_t, char32_t>;
 
     StdOutput(const StdOutput &) = delete;
     StdOutput &operator=(const StdOutput &) = delete;
