@@ -19,6 +19,7 @@ class QFile;
 ///
 ///     0            all done
 ///     -1, -2, n    a request failed: time-out, answer not understood, error code of the terminal
+///     1            also: a record of the log could not be written
 ///     -110         serial port error
 ///     -111         the local file cannot be opened or read
 ///     -112         the port did not come back after the terminal's restart
@@ -82,7 +83,8 @@ public Q_SLOTS:
     void onFileWritingProgress(File file, int size, int full_size);
     void onFileApplied(jvxb::Error error, File file);
 
-    /// Prints a record of the text log (log 14): the local time, the type in brackets, the text. Ignores other logs.
+    /// Prints a record of the text log (log 14): the local time, the type in brackets, the text. Ends the run if that
+    /// cannot be written. Ignores other logs.
     void onLogReceived(jvxb::Log, uint8_t, const QDateTime &datetime, const QByteArray &data);
 
     /// Opens the port and says so; on failure tries again every second, showing the seconds left. Does nothing if the
