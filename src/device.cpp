@@ -90,8 +90,9 @@ void printRecord(uint8_t type, const QDateTime &datetime, const QByteArray &data
 {
     StdOutput record(!data.endsWith('\n'));
     record << datetime.toString(QStringLiteral("hh:mm:ss zzz")) << " [" << type << "] ";
-    const platform::UntranslatedOutput untranslated;
+    platform::translateLineEnds(false);
     record << QString::fromUtf8(data);
+    platform::translateLineEnds(true);
 }
 
 } // namespace

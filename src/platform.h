@@ -29,15 +29,8 @@ void watchForHangUp(QSerialPort &port);
 /// a second; the system would wait for half a minute.
 void close(QSerialPort &port);
 
-/// While it lives, standard output gets the bytes that are written as they are. Otherwise a line feed may become the
-/// line end of the system.
-class UntranslatedOutput {
-public:
-    UntranslatedOutput();
-    ~UntranslatedOutput();
-
-    UntranslatedOutput(const UntranslatedOutput &) = delete;
-    UntranslatedOutput &operator=(const UntranslatedOutput &) = delete;
-};
+/// \param on true, as at the start: standard output turns a line feed into the line end of the system; false: it gets
+///        the bytes as they are written.
+void translateLineEnds(bool on);
 
 } // namespace platform

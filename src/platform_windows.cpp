@@ -8,17 +8,6 @@
 #include <iostream>
 #include <windows.h>
 
-namespace {
-
-/// \param mode _O_BINARY or _O_TEXT; of what is written from now on, not of what waits in the buffer
-void setOutputMode(int mode)
-{
-    std::cout.flush();
-    _setmode(_fileno(stdout), mode);
-}
-
-} // namespace
-
 /// There always is one, although perhaps on no screen.
 void platform::tolerateMissingDisplay() { }
 
@@ -51,12 +40,8 @@ void platform::close(QSerialPort &port)
     port.close();
 }
 
-platform::UntranslatedOutput::UntranslatedOutput()
+void platform::translateLineEnds(bool on)
 {
-    setOutputMode(_O_BINARY);
-}
-
-platform::UntranslatedOutput::~UntranslatedOutput()
-{
-    setOutputMode(_O_TEXT);
+    std::cout.flush(); // what waits in the buffer would be written in the new way
+    _setmode(_fileno(stdout), on ? _O_TEXT : _O_BINARY);
 }
